@@ -1,0 +1,2 @@
+// Start and stop of the library.
+#pragma once

@@ -1,0 +1,72 @@
+// Completion port: requests are started on associated handles and finish, exactly once each, at a waiting thread.
+//
+// Ownership: the starter keeps the request, its buffer and its addresses alive until the completion was taken; from a
+//            successful start to that moment only the port touches them. A failed start leaves no completion.
+// Threads:   every call from any thread. A request outlives the thread that started it. Any number of threads may
+//            wait; a completion never waits for a busy thread while another one waits here.
+// Order:     requests of one direction of one handle complete in the order in which they were started; different
+//            threads may take them.
+#pragma once
+
+#include <vel/types.h>
+
+namespace vel::os {
+
+struct Completion {
+    OVERLAPPED* record; // null for a bare post
+    uint64_t bytes;
+    uint32_t key;
+    uint32_t error; // 0 on success, else a system or socket code
+};
+
+/// @param concurrency  how many threads are expected to take completions at once, at least 1
+uint32_t create_port(uint32_t concurrency, void*& port);
+
+/// Wakes every waiter with 735 and discards what was not taken. The handles stay open and are no longer associated.
+uint32_t close_port(void* port);
+
+/// Associates a socket or file with the port for the rest of its life. Associating again gives 87; 6 for no handle.
+uint32_t associate(void* port, void* handle, uint32_t key);
+
+/// Queues a completion without any I/O. Errors: 6, 735.
+uint32_t post_completion(void* port, OVERLAPPED* record, uint64_t bytes, uint32_t key);
+uint32_t post_completion(void* port, IoRequest& request, uint64_t bytes, uint32_t key);
+
+/// Takes the next completion: 0, 258 on time-out, 735 when the port was closed, 6.
+uint32_t wait_completion(void* port, uint32_t timeout_ms, Completion& completion);
+
+/// Starts a transfer; 0 when started (also when it has finished already: the completion arrives all the same).
+/// A read completes with at least 1 byte, or 0 bytes and no error at end of stream; a send when every byte is out.
+/// Closing the handle completes what is pending with 995, keeping the bytes moved so far.
+/// Errors: 6 or 10038 for the handle, 87 when it is not associated.
+uint32_t start_receive(uint64_t socket, IoRequest& request, void* buffer, uint64_t length);
+uint32_t start_send(uint64_t socket, IoRequest& request, const void* data, uint64_t length);
+
+/// Datagrams; one that was cut completes with 10040. `address` holds 16 bytes and lives as long as the request.
+uint32_t start_receive_from(uint64_t socket, IoRequest& request, void* buffer, uint64_t length, void* address,
+                            int32_t* address_length);
+uint32_t start_send_to(uint64_t socket, IoRequest& request, const void* data, uint64_t length, const void* address,
+                       int32_t* address_length);
+
+/// Accepts into `accept_socket` (opened, neither bound nor connected) and fills both 16-byte addresses.
+/// Out of descriptors completes with 10024; transient failures are retried.
+uint32_t start_accept(uint64_t listener, IoRequest& request, uint64_t accept_socket, void* local_address,
+                      void* remote_address);
+
+/// Connects; every failure of the connection itself arrives as a completion.
+uint32_t start_connect(uint64_t socket, IoRequest& request, const void* address, int32_t* address_length);
+
+/// Positioned file transfers at the record's offset, done by a small pool. End of file: error 38, 0 bytes.
+uint32_t start_read_file(void* file, IoRequest& request, void* buffer, uint64_t length);
+uint32_t start_write_file(void* file, IoRequest& request, const void* data, uint64_t length);
+
+/// One transfer with a bare overlapped record: through the port of an associated handle (997, the record arrives
+/// there), else at once at the record's offset with `moved` filled.
+uint32_t overlapped_receive(uint64_t handle, void* buffer, uint64_t length, OVERLAPPED& record, uint64_t& moved);
+uint32_t overlapped_send(uint64_t handle, const void* data, uint64_t length, OVERLAPPED& record, uint64_t& moved);
+uint32_t overlapped_receive_from(uint64_t socket, void* buffer, uint64_t length, void* address, int32_t* address_length,
+                                 OVERLAPPED& record, uint64_t& moved);
+uint32_t overlapped_send_to(uint64_t socket, const void* data, uint64_t length, const void* address,
+                            int32_t* address_length, OVERLAPPED& record, uint64_t& moved);
+
+} // namespace vel::os

@@ -1,0 +1,76 @@
+// Process-wide table from descriptor to the object behind a handle.
+//
+// Invariants of a slot's word:
+//  - kind is not none exactly while the handle is open; only then can a new pin be taken;
+//  - pins counts the table's own pin while the handle is open, plus one for each call that uses the object;
+//  - whoever takes pins to 0 destroys the object and then closes the descriptor; nobody touches the slot in between
+//    but through the word, and the kernel gives the number out again only after that close.
+// So a descriptor that is in use is never closed under its user, and a reused number is never mistaken for the old one.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+namespace vel::os {
+
+enum class HandleKind : uint8_t { none, event, thread, file, socket, mutex, mapping, port, window };
+
+/// What a handle stands for; derived by each kind.
+class HandleObject {
+public:
+    virtual ~HandleObject() = default;
+
+    /// Called once when the handle is closed, while calls may still use the object: ends what waits inside them.
+    virtual void detach() {}
+
+    int descriptor() const { return descriptor_; }
+    uint32_t generation() const { return generation_; }
+
+private:
+    friend class HandleTable;
+    int descriptor_ = -1;
+    uint32_t generation_ = 0; // tells a reused descriptor from the one before
+    std::atomic<int32_t> shares_{1};
+};
+
+class HandleTable {
+public:
+    /// Takes over the descriptor (moved to 3 or above) and the object. Null when the descriptor is -1 or cannot be kept.
+    static void* insert(int descriptor, HandleKind kind, std::unique_ptr<HandleObject> object);
+
+    static uint32_t close(void* handle);
+    static uint32_t share(void* handle);
+    static uint64_t open_count();
+
+    /// Pins the object behind a handle; null when it is not open or of another kind. `HandleKind::none` takes any.
+    static HandleObject* pin(void* handle, HandleKind kind);
+    static HandleObject* pin(int descriptor, HandleKind kind);
+    static void unpin(HandleObject* object);
+
+    static HandleKind kind(void* handle);
+};
+
+/// Pins an object for a scope.
+template <class Object>
+class Pinned {
+public:
+    Pinned(void* handle, HandleKind kind) : object_(static_cast<Object*>(HandleTable::pin(handle, kind))) {}
+    Pinned(uint64_t socket, HandleKind kind) : Pinned(reinterpret_cast<void*>(socket), kind) {}
+    ~Pinned() {
+        if (object_) HandleTable::unpin(object_);
+    }
+    Pinned(const Pinned&) = delete;
+    Pinned& operator=(const Pinned&) = delete;
+
+    explicit operator bool() const { return object_ != nullptr; }
+    Object* operator->() const { return object_; }
+    Object& operator*() const { return *object_; }
+
+private:
+    Object* object_;
+};
+
+inline void* to_handle(int descriptor) { return reinterpret_cast<void*>(static_cast<uintptr_t>(descriptor)); }
+
+} // namespace vel::os
