@@ -42,6 +42,9 @@ using HWND = struct VEL_Window*;
 /// The socket handle that stands for "none".
 inline constexpr uint64_t VEL_INVALID_SOCKET = ~uint64_t{0};
 
+/// The file handle that stands for "none". Null is never a file either.
+inline void* const VEL_INVALID_HANDLE = reinterpret_cast<void*>(~uintptr_t{0});
+
 /// The time-out that never ends, in milliseconds.
 inline constexpr uint32_t VEL_INFINITE = 0xFFFFFFFF;
 
