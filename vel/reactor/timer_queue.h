@@ -1,0 +1,178 @@
+// Timers in order of expiry, shared by the reactor and the proactor.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+#include <vel/types.h>
+
+namespace vel {
+
+/// The engine behind VEL_Timer_Queue: it knows handlers only as addresses.
+///
+/// Invariants: `heap_` is a 4-ary heap over (deadline, sequence); a live node knows its place in it; each live node
+/// is linked in the bucket of its id. Every scheduling takes a fresh sequence number, so equal deadlines keep the
+/// order in which they were scheduled.
+class VEL_API TimerEngine {
+public:
+    struct Timer {
+        int32_t id;
+        uint32_t interval;
+        uint32_t start;
+        void* handler;
+    };
+
+    explicit TimerEngine(int32_t last_id) : last_id_(last_id) {}
+
+    int32_t schedule(void* handler, uint32_t interval_ms, uint64_t now_ms, bool& sooner);
+    bool cancel(int32_t id, void*& handler);
+    bool reschedule(int32_t id, uint32_t interval_ms, uint64_t now_ms, bool& sooner);
+    bool contains(int32_t id) const { return find(id) != none; }
+
+    uint64_t begin_pass() const { return next_sequence_; }
+    bool next_due(uint64_t pass, uint64_t now_ms, Timer& timer) const;
+    bool take_first(Timer& timer);
+
+    uint64_t deadline_ms() const { return heap_.empty() ? UINT64_MAX : heap_.front().deadline; }
+    uint32_t wait_ms(uint64_t now_ms) const;
+    size_t size() const { return heap_.size(); }
+
+private:
+    static constexpr uint32_t none = UINT32_MAX;
+
+    struct Entry {
+        uint64_t deadline;
+        uint64_t sequence;
+        uint32_t node;
+        bool operator<(const Entry& other) const {
+            return deadline != other.deadline ? deadline < other.deadline : sequence < other.sequence;
+        }
+    };
+
+    struct Node {
+        Timer timer;
+        uint32_t place; // index in heap_ while the node is live
+        uint32_t next;  // neighbour in its bucket, or in the list of free nodes
+    };
+
+    int32_t next_id();
+    void make_room();
+    uint32_t& bucket(int32_t id);
+    uint32_t find(int32_t id) const;
+    void rehash(size_t buckets);
+    void unlink(uint32_t node);
+    void place(size_t index, const Entry& entry);
+    void sift_up(size_t index, const Entry& entry);
+    void sift_down(size_t index, const Entry& entry);
+    void reposition(size_t index, const Entry& entry);
+    void remove(uint32_t node);
+
+    std::vector<Entry> heap_;
+    std::vector<Node> nodes_;       // pooled; never shrinks
+    std::vector<uint32_t> buckets_; // power of two; first node of each
+    uint32_t free_ = none;          // first free node
+    uint32_t bucket_shift_ = 32;    // 32 minus the binary logarithm of the number of buckets
+    uint64_t next_sequence_ = 0;
+    int32_t last_id_;
+};
+
+} // namespace vel
+
+/// One timer as the queue shows it.
+template <class Handler>
+struct VEL_Time_Period {
+    int32_t timer_id;  // 1 to 0x7FFFFFFE
+    uint32_t interval; // milliseconds from start to expiry
+    uint32_t start;    // tick at which it was scheduled or last rescheduled
+    Handler* handler;
+
+    /// Milliseconds to expiry at tick `now`, 0 when it is due.
+    uint32_t remaining(uint32_t now) const { return now - start < interval ? interval - (now - start) : 0; }
+};
+
+/// Periodic timers in order of expiry; timers of equal expiry keep the order in which they were scheduled.
+///
+/// Threads:   none of its own and no lock: the owner's lock guards every call.
+/// Ownership: handlers are addresses to it; the owner adds and drops their references.
+/// Errors:    an id that is not there gives false; no error code is set.
+/// Limits:    intervals are 32-bit milliseconds, the clock the caller passes in is 64-bit monotonic milliseconds and
+///            never goes back. Ids run from 1 to 0x7FFFFFFE and then start again; where one names two timers, the one
+///            that expires first is meant. Scheduling and cancelling cost the same with one timer or many.
+template <class Handler>
+class VEL_Timer_Queue {
+public:
+    using Period = VEL_Time_Period<Handler>;
+
+    /// @param last_id  the id handed out before the first one
+    explicit VEL_Timer_Queue(int32_t last_id = 0) : engine_(last_id) {}
+    virtual ~VEL_Timer_Queue() = default;
+    VEL_Timer_Queue(const VEL_Timer_Queue&) = delete;
+    VEL_Timer_Queue& operator=(const VEL_Timer_Queue&) = delete;
+
+    /// Adds a timer that expires `interval_ms` from now.
+    /// @param sooner  set when the earliest deadline has moved forward, so that whoever sleeps until the former one
+    ///                must be woken; cleared otherwise
+    /// @return its id, or -1 without memory
+    int32_t schedule(Handler* handler, uint32_t interval_ms, uint64_t now_ms, bool& sooner) {
+        return engine_.schedule(handler, interval_ms, now_ms, sooner);
+    }
+
+    /// Removes a timer and hands back its handler. Nobody needs to be woken: the next deadline is never earlier.
+    bool cancel(int32_t id, Handler*& handler) {
+        void* found = nullptr;
+        if (!engine_.cancel(id, found)) return false;
+        handler = static_cast<Handler*>(found);
+        return true;
+    }
+
+    /// Restarts a timer from now with a new interval, behind the timers of equal expiry.
+    bool reschedule(int32_t id, uint32_t interval_ms, uint64_t now_ms, bool& sooner) {
+        return engine_.reschedule(id, interval_ms, now_ms, sooner);
+    }
+
+    bool contains(int32_t id) const { return engine_.contains(id); }
+
+    /// Starts a dispatch pass; its result goes to `next_due`.
+    uint64_t begin_pass() const { return engine_.begin_pass(); }
+
+    /// The first timer if it is due and was scheduled before the pass began; it stays in the queue. A timer that was
+    /// rescheduled during the pass waits for the next one, so a pass ends even when intervals are 0.
+    bool next_due(uint64_t pass, uint64_t now_ms, Period& period) const {
+        vel::TimerEngine::Timer timer;
+        return engine_.next_due(pass, now_ms, timer) && fill(period, timer);
+    }
+
+    /// Removes the first timer, due or not, to wind the queue up; false when the queue is empty.
+    bool take_first(Period& period) {
+        vel::TimerEngine::Timer timer;
+        return engine_.take_first(timer) && fill(period, timer);
+    }
+
+    /// Tick at which the first timer expires; UINT64_MAX without timers.
+    uint64_t deadline_ms() const { return engine_.deadline_ms(); }
+
+    /// Milliseconds until the first timer expires, 0 when it is due, VEL_INFINITE without timers.
+    uint32_t wait_ms(uint64_t now_ms) const { return engine_.wait_ms(now_ms); }
+
+    size_t size() const { return engine_.size(); }
+
+    /// Takes the timer role: the one thread that holds it dispatches timers. False when another has it.
+    bool acquire_role() {
+        if (role_ > 0) return false;
+        role_ = 1;
+        return true;
+    }
+
+    void release_role() {
+        if (role_ > 0) --role_;
+    }
+
+private:
+    static bool fill(Period& period, const vel::TimerEngine::Timer& timer) {
+        period = {timer.id, timer.interval, timer.start, static_cast<Handler*>(timer.handler)};
+        return true;
+    }
+
+    vel::TimerEngine engine_;
+    int32_t role_ = 0; // threads that hold the timer role, 0 or 1
+};
