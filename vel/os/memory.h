@@ -15,11 +15,9 @@ uint32_t pages_size(const void* address, uint64_t& size);
 uint32_t free_pages(void* address);
 
 /// Opens the named block, or creates it zeroed; any user may open it. It vanishes with its last opener, however that
-/// one ended. `size` is what to create; the block that is there keeps its own. Maps the whole of it read-write.
-/// Whatever it holds is untrusted: any process may write it. Errors: 5, 6, 8, 87, 112, 206 and other system codes.
+/// one ended. `size` is what to create; the block that is there keeps its own. Maps the whole of it read-write; the
+/// view ends with the handle's last share. Whatever it holds is untrusted: any process may write it.
+/// Errors: 4, 5, 8, 87 (nothing there and `size` 0), 112, 170 (somebody holds on to the name) and other system codes.
 uint32_t open_mapping(const char* name, uint64_t size, void*& mapping, void*& address, uint64_t& mapped_size);
-
-/// Unmaps; the handle itself is closed with `close_handle`. Errors: 6.
-uint32_t unmap(void* mapping);
 
 } // namespace vel::os
