@@ -1,0 +1,79 @@
+// What the asynchronous stream, acceptor and datagram socket have in common; no interface of its own for users.
+#pragma once
+
+#include <atomic>
+#include <new>
+#include <vel/platform/inet_addr.h>
+#include <vel/proactor/async_operation.h>
+#include <vel/sync/guard.h>
+#include <vel/sync/mutex.h>
+
+namespace vel {
+
+/// A socket registered in a proactor under a completion key, with an optional timer.
+///
+/// Threads:   every call from any thread; the members may be read without the lock.
+/// Invariants: the lock comes after the proactor's (VEL_Proactor::close_handle calls a handler under its own lock), so
+///            no call into the proactor's table or timers is made while this one is held: each operation decides under
+///            its lock, releases it, calls, and stores the outcome only if key and socket are still the same.
+class VEL_API AsyncSocket {
+public:
+    AsyncSocket() = default;
+    AsyncSocket(const AsyncSocket&) = delete;
+    AsyncSocket& operator=(const AsyncSocket&) = delete;
+
+    uint32_t key() const { return key_; }
+    uint64_t socket() const { return socket_; }
+    void* handle() const { return reinterpret_cast<void*>(socket()); }
+    VEL_Proactor* proactor() const { return proactor_; }
+    VEL_Thread_Mutex& lock() { return lock_; }
+    const VEL_INET_Addr& remote() const { return remote_; } // under the lock
+
+    /// 0, or -1 with 10038 (no socket) or 0x20000004 (no proactor).
+    int check_open() const;
+
+    /// Takes an open socket over and registers it under a new key of the proactor; on failure the socket is closed.
+    /// Errors: 10056 when a socket is held already, and those of VEL_Proactor::register_handle.
+    int open(VEL_Proactor* proactor, uint64_t socket, VEL_Async_Handler* owner, const VEL_INET_Addr& remote);
+
+    /// Undoes `open`: ends the registration without `handle_close` and closes the socket. Keeps the thread's code.
+    void abandon(VEL_Proactor* proactor, uint32_t key, uint64_t socket);
+
+    int set_timeout(VEL_Async_Handler* owner, uint32_t timeout_ms);
+    void cancel_timeout();
+    int local_addr(VEL_INET_Addr& address);
+
+    /// The handler slots.
+    int handle_close(uint32_t key, void* handle, VEL_Proactor* proactor);
+    int close_handle();
+
+    /// Ends the registration, then the timer, then the socket.
+    /// @param keep_timer_quiet  end the timer without `handle_close`
+    void close(bool no_close, bool keep_timer_quiet);
+
+    /// Makes an operation on the socket and starts it with `start(operation)`, under the lock; deletes it on failure.
+    template <class Operation, class Start>
+    int start(VEL_Async_Handler* owner, Start start) {
+        VEL_Guard guard(lock_);
+        if (check_open() < 0) return -1;
+        auto* op = new (std::nothrow) Operation(proactor(), key(), handle(), owner);
+        if (op == nullptr) return out_of_memory();
+        int result = start(*op);
+        if (result < 0) delete op;
+        return result;
+    }
+
+private:
+    static int out_of_memory();
+    bool is(uint32_t key, uint64_t socket) const { return key_ == key && socket_ == socket; }
+    void clear();
+
+    std::atomic<uint64_t> socket_{VEL_INVALID_SOCKET};
+    std::atomic<uint32_t> key_{0}; // 0: none
+    VEL_INET_Addr remote_;         // a stream's peer
+    std::atomic<VEL_Proactor*> proactor_{nullptr};
+    VEL_Thread_Mutex lock_;
+    std::atomic<int32_t> timer_id_{0}; // 0: none
+};
+
+} // namespace vel

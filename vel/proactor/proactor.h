@@ -1,0 +1,140 @@
+// Completion-based demultiplexer: runs handlers when what they started has finished.
+#pragma once
+
+#include <atomic>
+#include <vel/memory/hash_map.h>
+#include <vel/proactor/async_handler.h>
+#include <vel/reactor/timer_queue.h>
+#include <vel/sync/mutex.h>
+#include <vel/threads/thread_manager.h>
+#include <vel/types.h>
+
+class VEL_Async_Operation;
+class VEL_Byte_Block;
+class VEL_INET_Addr;
+class VEL_Message_Block;
+
+namespace vel {
+class AsyncSocket;
+}
+
+/// What is registered under a completion key.
+struct VEL_Handle_Set {
+    void* handle;
+    VEL_Async_Handler* handler; // one reference
+};
+
+/// Worker threads that take finished operations from one completion port and call their handlers, and one thread that
+/// runs timers.
+///
+/// Threads:   every call from any thread. One recursive lock guards table, timers and flags. Handlers are called
+///            without it; `close_handle` of a handler is the exception. The callbacks of one handler may run on several
+///            workers at once. A worker dispatches without taking a lock.
+/// Ownership: the proactor keeps one reference to a handler for each registration and each timer, and one during each
+///            call. It never closes a registered handle: that is its handler's part, in `handle_close`.
+/// Errors:    -1 with the thread's code: 0x20000004 not open, 0x20000007 closing, 0x20000014 completion key 0,
+///            0x2000000A unknown key, 0x20000015 too many workers, 8, 87, or the system's code. Messages that can no
+///            longer be delivered are answered with -1 and 0x20000007, so that a waiting sender goes on.
+/// Limits:    63 workers; a closed proactor is not opened again. Times are 32-bit milliseconds and survive the wrap of
+///            the tick count.
+///
+///     VEL_Proactor proactor;
+///     if (proactor.open(4) < 0) return -1;
+///     Echo_Acceptor* acceptor = new Echo_Acceptor;            // derived from VEL_Async_Acceptor
+///     if (acceptor->open(&proactor, 7000, 0) < 0 || acceptor->accept() < 0) return -1;
+///     acceptor->release();                                    // the registration keeps it; proactor.close() ends it
+class VEL_API VEL_Proactor {
+public:
+    VEL_Proactor();
+    VEL_Proactor(const VEL_Proactor&) = delete;
+    VEL_Proactor& operator=(const VEL_Proactor&) = delete;
+
+    /// Closes. Destroying a proactor in a callback of its own threads ends the program: it would wait for itself.
+    virtual ~VEL_Proactor();
+
+    /// Starts the timer thread and the workers.
+    /// @param thread_count  0 for twice the number of processors; 63 at most
+    /// Errors: 0x20000015 for more than 63; 0x20000007 after `close`; 183 when it is open already.
+    int open(uint32_t thread_count);
+
+    /// Stops all threads, then ends every registration and every timer with `handle_close` and answers the messages
+    /// that are left. Waits for running callbacks. From a callback on one of its own threads it only sets 1131 (it
+    /// would wait for itself); a second call while one is under way returns at once.
+    void close();
+
+    /// The next completion key, 1 to 0xFFFFFFFE and then 1 again.
+    uint32_t generate_completion_key();
+
+    /// Registers a handle under a key and takes a reference to the handler. Errors: 87 when the key is taken or the
+    /// handle registered already (nothing has changed then), 6, 8.
+    int register_handle(uint32_t key, void* handle, VEL_Async_Handler* handler);
+
+    /// Ends a registration and, unless `no_close`, calls the handler's `handle_close`. The handle stays open.
+    int remove_handle(uint32_t key, bool no_close);
+
+    /// The handle registered under a key, and its handler with a reference that the caller releases. All bits set on
+    /// failure.
+    void* get_handle(uint32_t key, VEL_Async_Handler*& handler);
+
+    /// Asks the handler to close its handle. Calls `close_handle` of the handler under the proactor's lock.
+    int close_handle(uint32_t key);
+
+    /// Shuts down a registered socket. @param how  0 receive, 1 send, 2 both
+    int shutdown(uint32_t key, int how);
+
+    /// Posts a message to the handler's `handle_signal` on a worker. Errors: 87 for a null message.
+    int sendMessage(uint32_t key, const VEL_Message_Block& message);
+
+    /// Starts to send the first `length` bytes of `data`; the handler's `handle_output` gets the operation.
+    int sendSockStream(uint32_t key, const VEL_Byte_Block& data, size_t length);
+    int sendSockDgram(uint32_t key, const VEL_Byte_Block& data, size_t length, const VEL_INET_Addr& to);
+
+    /// Calls the handler's `handle_timeout` every `interval_ms` milliseconds until that refuses.
+    /// Returns the timer's id, 1 to 0x7FFFFFFE, or -1.
+    int32_t schedule_timer(VEL_Async_Handler* handler, uint32_t interval_ms);
+
+    /// Ends a timer and, unless `no_close`, calls `handle_close(0, id, this)`. An unknown id gives -1 and leaves the
+    /// thread's code as it was.
+    int cancel_timer(int32_t timer_id, bool no_close);
+
+    /// Starts the timer's interval anew from now. An unknown id as with `cancel_timer`.
+    int reschedule_timer(int32_t timer_id, uint32_t interval_ms);
+
+    /// Dispatches one completion on the calling thread. Returns 1 when one was dispatched, 0 on time-out, -1 on failure
+    /// or when the proactor is closing.
+    /// @param timeout_ms  milliseconds, VEL_INFINITE for ever
+    int handle_event(uint32_t timeout_ms);
+
+    /// Waits for due timers and dispatches them, when no other thread does. Returns how many were dispatched, or -1.
+    int handle_timer(uint32_t timeout_ms);
+
+    /// Number of worker threads.
+    size_t getiothrcnt() const { return worker_count_; }
+
+private:
+    friend class vel::AsyncSocket;
+    using HandleTable = VEL_Hash_Map<uint32_t, VEL_Handle_Set>;
+    using TimerQueue = VEL_Timer_Queue<VEL_Async_Handler>;
+
+    static int thr_iocp_competion(void* proactor);
+    static int thr_iocp_timer(void* proactor);
+
+    static uint32_t calc_thr_count();
+    uint32_t calc_timeout();
+    int dispatch_io(VEL_Async_Operation* op, uint32_t bytes, uint32_t error);
+    int dispatch_timer();
+    int acquire_timer();
+    int release_timer();
+    void reset_timer_event();
+
+    std::atomic<void*> port_{nullptr}; // null while not open
+    void* timer_event_ = nullptr;      // manual-reset; wakes the timer thread
+    VEL_Thread_Mutex lock_;            // guards the table, the timer queue, and changes of the flags
+    VEL_Thread_Manager threads_;
+    TimerQueue* timer_queue_ = nullptr;   // null while not open
+    HandleTable* handle_table_ = nullptr; // null while not open
+    std::atomic<size_t> worker_count_{0};
+    std::atomic<bool> closing_{false}; // set by close() for good, by a failing open() while it stops its timer thread
+    uint32_t last_key_ = 0;
+    VEL_Thread_Mutex key_lock_; // guards last_key_
+};
