@@ -16,6 +16,8 @@ namespace vel::os {
 
 enum class HandleKind : uint8_t { none, event, thread, file, socket, mutex, mapping, port, window };
 
+class PortBinding;
+
 /// What a handle stands for; derived by each kind.
 class HandleObject {
 public:
@@ -23,6 +25,9 @@ public:
 
     /// Called once when the handle is closed, while calls may still use the object: ends what waits inside them.
     virtual void detach() {}
+
+    /// What a completion port keeps for this handle; null for kinds that cannot be associated.
+    virtual PortBinding* port_binding() { return nullptr; }
 
     int descriptor() const { return descriptor_; }
     uint32_t generation() const { return generation_; }
