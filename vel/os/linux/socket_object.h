@@ -7,13 +7,14 @@
 
 namespace vel::os {
 
-/// A socket. Closing it ends the calls that block on it: they see `closing` and return 10038.
+/// A socket. Closing it ends the calls that block on it: they see `ended` and return 10038.
 class SocketObject final : public HandleObject {
 public:
     SocketObject(int socket_family, int socket_type) : family(socket_family), type(socket_type) {}
 
     /// Lets the port drop the socket, then wakes the calls that block on it.
     void detach() override;
+    PortBinding* port_binding() override { return &port; }
 
     bool is_stream() const;
 
@@ -39,7 +40,7 @@ public:
     BlockingCall(const BlockingCall&) = delete;
     BlockingCall& operator=(const BlockingCall&) = delete;
 
-    /// True once the socket is being closed; whatever the system call said is then void.
+    /// True once the socket is being closed; a failure or an end of stream then says nothing about the peer.
     bool ended() const { return socket_.closing_.load(); }
 
 private:
