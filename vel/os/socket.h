@@ -29,7 +29,8 @@ uint32_t receive(uint64_t socket, void* buffer, uint64_t size, uint64_t& moved);
 /// A datagram cut to `size` gives 10040 with `moved` = `size`.
 uint32_t receive_from(uint64_t socket, void* buffer, uint64_t size, void* address, int32_t& length, uint64_t& moved);
 uint32_t send(uint64_t socket, const void* data, uint64_t size, uint64_t& moved);
-uint32_t send_to(uint64_t socket, const void* data, uint64_t size, const void* address, int32_t length, uint64_t& moved);
+uint32_t send_to(uint64_t socket, const void* data, uint64_t size, const void* address, int32_t length,
+                 uint64_t& moved);
 
 /// Waits for readiness; 0, 258. Reads no pending error.
 uint32_t wait_socket(uint64_t socket, SocketWait what, uint32_t timeout_ms);
