@@ -22,8 +22,6 @@ public:
         void* handler;
     };
 
-    explicit TimerEngine(int32_t last_id) : last_id_(last_id) {}
-
     int32_t schedule(void* handler, uint32_t interval_ms, uint64_t now_ms, bool& sooner);
     bool cancel(int32_t id, void*& handler);
     bool reschedule(int32_t id, uint32_t interval_ms, uint64_t now_ms, bool& sooner);
@@ -36,6 +34,7 @@ public:
     uint64_t deadline_ms() const { return heap_.empty() ? UINT64_MAX : heap_.front().deadline; }
     uint32_t wait_ms(uint64_t now_ms) const;
     size_t size() const { return heap_.size(); }
+    void set_last_id_for_test(int32_t last_id) { last_id_ = last_id; }
 
 private:
     static constexpr uint32_t none = UINT32_MAX;
@@ -56,8 +55,8 @@ private:
     };
 
     int32_t next_id();
-    void make_room();
-    uint32_t& bucket(int32_t id);
+    bool make_room();
+    size_t bucket(int32_t id) const;
     uint32_t find(int32_t id) const;
     void rehash(size_t buckets);
     void unlink(uint32_t node);
@@ -73,7 +72,7 @@ private:
     uint32_t free_ = none;          // first free node
     uint32_t bucket_shift_ = 32;    // 32 minus the binary logarithm of the number of buckets
     uint64_t next_sequence_ = 0;
-    int32_t last_id_;
+    int32_t last_id_ = 0;
 };
 
 } // namespace vel
@@ -103,8 +102,7 @@ class VEL_Timer_Queue {
 public:
     using Period = VEL_Time_Period<Handler>;
 
-    /// @param last_id  the id handed out before the first one
-    explicit VEL_Timer_Queue(int32_t last_id = 0) : engine_(last_id) {}
+    VEL_Timer_Queue() = default;
     virtual ~VEL_Timer_Queue() = default;
     VEL_Timer_Queue(const VEL_Timer_Queue&) = delete;
     VEL_Timer_Queue& operator=(const VEL_Timer_Queue&) = delete;
@@ -166,6 +164,9 @@ public:
     void release_role() {
         if (role_ > 0) --role_;
     }
+
+    /// The next id is the one after `last_id`. For tests only: it brings the end of the ids near.
+    void set_last_id_for_test(int32_t last_id) { engine_.set_last_id_for_test(last_id); }
 
 private:
     static bool fill(Period& period, const vel::TimerEngine::Timer& timer) {
