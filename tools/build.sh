@@ -16,35 +16,47 @@ build() {
     cmake --build --preset "$preset" "$@"
 }
 
-# run_tests FOLDER SECONDS [FILTER]: runs the tests; with SECONDS above 0, starts none after that time.
+# run_tests FOLDER [FILTER]
 run_tests() {
-    local folder=$1 seconds=$2 options=(--output-on-failure -j2)
-    [ -z "${3:-}" ] || options+=(-R "$3" --no-tests=error)
-    [ "$seconds" -eq 0 ] || options+=(--stop-time "$(date -d "+$seconds seconds" +%H:%M:%S)")
-    (cd "$folder" && "${in_folder[@]}" ctest "${options[@]}")
+    local options=(--output-on-failure -j2)
+    [ -z "${2:-}" ] || options+=(-R "$2" --no-tests=error)
+    (cd "$1" && "${launcher[@]}" ctest "${options[@]}")
 }
 
-in_folder=(env)
-
-# sanitize PRESET [FILTER] [--seconds N]
-sanitize() {
-    local preset=$1 seconds=0 filter=""
-    shift
-    while [ $# -gt 0 ]; do
-        case $1 in
-        --seconds) seconds=$2 && shift ;;
-        *) filter=$1 ;;
-        esac
-        shift
+# run_tests_until SECONDS FOLDER: the tests folder by folder; starts none once this shell is SECONDS old.
+run_tests_until() {
+    local label choice ran=() left=() failed=()
+    for label in $(cd "$2" && ctest --print-labels | sed -n 's/^  //p') unlabelled; do
+        choice=(-L "^$label\$")
+        [ "$label" != unlabelled ] || choice=(-LE .)
+        if [ "$SECONDS" -ge "$1" ]; then
+            left+=("$label")
+            continue
+        fi
+        ran+=("$label")
+        (cd "$2" && "${launcher[@]}" ctest --output-on-failure -j2 "${choice[@]}") || failed+=("$label")
     done
+    echo "$2: ran ${ran[*]:-nothing}; failed: ${failed[*]:-none}; out of time for: ${left[*]:-none}"
+    [ ${#ran[@]} -gt 0 ] && [ ${#failed[@]} -eq 0 ]
+}
+
+launcher=(env)
+
+# sanitize PRESET [FILTER | --seconds N]
+sanitize() {
+    local preset=$1
     need build
     build "$preset"
     export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1
     export UBSAN_OPTIONS=print_stacktrace=1
     export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
     # ThreadSanitizer of this compiler does not cope with wide address randomisation.
-    [ "$preset" != tsan ] || ! setarch -R true 2>/dev/null || in_folder=(setarch -R)
-    run_tests "build-$preset" "$seconds" "$filter"
+    if [ "$preset" = tsan ] && setarch -R true 2>/dev/null; then launcher=(setarch -R); fi
+    if [ "${2:-}" = --seconds ]; then
+        run_tests_until "$3" "build-$preset"
+    else
+        run_tests "build-$preset" "${2:-}"
+    fi
 }
 
 # run_benchmarks [FILTER]
@@ -59,7 +71,7 @@ run_benchmarks() {
 
 # run_fuzzers TARGET SECONDS: finds land in build-fuzz/found/, new inputs in build-fuzz/corpus/.
 run_fuzzers() {
-    local program name ran=0
+    local program name count=0
     for program in build-fuzz/fuzz/*_fuzz; do
         name=$(basename "$program" _fuzz)
         [ -z "$1" ] || [ "$1" = "$name" ] || continue
@@ -67,9 +79,9 @@ run_fuzzers() {
         echo "== $name, $2 s"
         "$program" -max_total_time="$2" -print_final_stats=1 -timeout=10 -artifact_prefix="build-fuzz/found/$name/" \
             "build-fuzz/corpus/$name" "fuzz/corpus/$name"
-        ran=$((ran + 1))
+        count=$((count + 1))
     done
-    [ "$ran" -gt 0 ] || fail "no fuzz target '$1'"
+    [ "$count" -gt 0 ] || fail "no fuzz target '$1'"
 }
 
 make_docs() {
