@@ -15,6 +15,15 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     add_compile_options(-Wthread-safety)
 endif()
 
+# A find is a crash: fuzzing goes with the address sanitizer.
+if(VEL_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        message(FATAL_ERROR "VEL_FUZZ needs clang")
+    endif()
+    set(VEL_SANITIZE address)
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 if(VEL_SANITIZE STREQUAL "address")
     add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     add_link_options(-fsanitize=address,undefined)

@@ -1,0 +1,225 @@
+// The reader of version records against a small image that is cut and spoilt in every place.
+#include <vel/os/version_record.h>
+
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+#include <vel/os/error_codes.h>
+#include <vel/testing/temporary_directory.h>
+
+namespace vel::os {
+namespace {
+
+constexpr uint32_t headers_at = 0x40; // of the PE signature
+constexpr uint32_t section_address = 0x1000;
+constexpr uint32_t resources_in_section = 0x10;
+constexpr uint32_t block_in_resources = 0x58;
+
+class Image {
+public:
+    /// @param magic  0x10B for 32 bits, 0x20B for 64
+    explicit Image(uint16_t magic) : directories_(headers_at + 24 + (magic == 0x10B ? 96 : 112)) {
+        put16(0, 0x5A4D);
+        put32(60, headers_at);
+        put32(headers_at, 0x00004550);
+        put16(headers_at + 6, 2); // sections
+        put16(headers_at + 20, static_cast<uint16_t>(directories_ + 24 - headers_at - 24));
+        put16(headers_at + 24, magic);
+        put32(directories_ - 4, 3);
+        section(0, 0x400, 0x200, 0x200);
+        const uint32_t raw = directories_ + 24 + 80;
+        section(1, section_address, 0x200, raw);
+        put32(directories_ + 16, section_address + resources_in_section);
+        put32(directories_ + 20, 0x180);
+        resources_ = raw + resources_in_section;
+        tree();
+        block();
+    }
+
+    void put16(uint32_t at, uint16_t value) {
+        if (bytes.size() < at + 2) bytes.resize(at + 2);
+        bytes[at] = static_cast<uint8_t>(value);
+        bytes[at + 1] = static_cast<uint8_t>(value >> 8);
+    }
+    void put32(uint32_t at, uint32_t value) {
+        put16(at, static_cast<uint16_t>(value));
+        put16(at + 2, static_cast<uint16_t>(value >> 16));
+    }
+
+    uint32_t resources() const { return resources_; }
+    uint32_t block_at() const { return resources_ + block_in_resources; }
+    uint32_t directories() const { return directories_; }
+
+    std::vector<uint8_t> bytes;
+
+private:
+    void section(uint32_t index, uint32_t address, uint32_t size, uint32_t raw) {
+        const uint32_t at = directories_ + 24 + 40 * index;
+        put32(at + 12, address);
+        put32(at + 16, size);
+        put32(at + 20, raw);
+    }
+
+    void directory(uint32_t at, uint16_t named, uint16_t numbered) {
+        put16(resources_ + at + 12, named);
+        put16(resources_ + at + 14, numbered);
+    }
+
+    void entry(uint32_t at, uint32_t name, uint32_t target) {
+        put32(resources_ + at, name);
+        put32(resources_ + at + 4, target);
+    }
+
+    void tree() {
+        directory(0, 1, 1);
+        entry(16, 0x80000100, 0x80000000); // a named type, which leads back to the root
+        entry(24, 16, 0x80000000 | 0x20);
+        directory(0x20, 0, 1);
+        entry(0x30, 1, 0x80000000 | 0x38);
+        put16(resources_ + 0x38 + 14, 1);
+        entry(0x48, 1033, 0x50);
+        // The data entry shares bytes with nothing: address, length.
+        put32(resources_ + 0x50, section_address + resources_in_section + block_in_resources);
+        put32(resources_ + 0x54, 92);
+    }
+
+    void block() {
+        const uint32_t at = block_at() + 8; // behind the rest of the data entry
+        put32(resources_ + 0x50, section_address + resources_in_section + block_in_resources + 8);
+        put16(at, 92);
+        put16(at + 2, 52);
+        const char key[] = "VS_VERSION_INFO";
+        for (uint32_t i = 0; i < sizeof key; ++i) put16(at + 6 + 2 * i, static_cast<uint8_t>(key[i]));
+        put32(at + 40, 0xFEEF04BD);
+        put32(at + 48, 0x00010002);
+        put32(at + 52, 0x00030004);
+        put32(at + 56, 0x00050006);
+        put32(at + 60, 0x00070008);
+        put32(at + 88, 0);
+    }
+
+    uint32_t directories_;
+    uint32_t resources_ = 0;
+};
+
+struct Answer {
+    uint32_t code;
+    bool found;
+    VersionRecord record;
+};
+
+// Reads from memory of exactly this size, so that the sanitizers see a step outside.
+Answer read(const std::vector<uint8_t>& bytes) {
+    const std::vector<uint8_t> exact(bytes);
+    Answer answer{};
+    answer.code = find_version_record(exact.data(), exact.size(), answer.record, answer.found);
+    return answer;
+}
+
+void expect_versions(const VersionRecord& record) {
+    EXPECT_EQ(record.file_high, 0x00010002u);
+    EXPECT_EQ(record.file_low, 0x00030004u);
+    EXPECT_EQ(record.product_high, 0x00050006u);
+    EXPECT_EQ(record.product_low, 0x00070008u);
+}
+
+TEST(VersionRecord, FoundInBothWidthsFromMemoryAndFile) {
+    const vel::testing::TemporaryDirectory directory;
+    for (const uint16_t magic : {0x10B, 0x20B}) {
+        const Image image(magic);
+        const Answer answer = read(image.bytes);
+        EXPECT_EQ(answer.code, error::none);
+        ASSERT_TRUE(answer.found);
+        expect_versions(answer.record);
+
+        // Far into the file, so that the reader's window has to move.
+        Image large(magic);
+        large.bytes.insert(large.bytes.begin() + large.resources() - resources_in_section, 10'000, 0);
+        large.put32(large.directories() + 24 + 40 + 20, large.resources() - resources_in_section + 10'000);
+        const std::string text(large.bytes.begin(), large.bytes.end());
+        VersionRecord record{};
+        bool found = false;
+        EXPECT_EQ(read_version_record(directory.file("image.exe", text).c_str(), record, found), error::none);
+        ASSERT_TRUE(found);
+        expect_versions(record);
+    }
+}
+
+TEST(VersionRecord, OtherFilesHaveNone) {
+    const vel::testing::TemporaryDirectory directory;
+    VersionRecord record{};
+    bool found = true;
+    EXPECT_EQ(read_version_record("/proc/self/exe", record, found), error::none);
+    EXPECT_FALSE(found);
+    EXPECT_EQ(read_version_record(directory.file("empty", "").c_str(), record, found), error::none);
+    EXPECT_FALSE(found);
+    EXPECT_EQ(read_version_record(directory.path("absent").c_str(), record, found), error::file_not_found);
+    EXPECT_EQ(read_version_record(directory.path().c_str(), record, found), error::access_denied);
+}
+
+TEST(VersionRecord, EachWayToHaveNoneOrABrokenOne) {
+    const Image good(0x20B);
+    const uint32_t coff = headers_at + 4, directories = good.directories();
+    const uint32_t tree = good.resources(), block = good.block_at() + 8;
+    struct Row {
+        const char* what;
+        uint32_t at;
+        uint32_t value;
+        uint32_t code;
+    };
+    const Row rows[] = {
+        {"no DOS signature", 0, 0, error::none},
+        {"headers beyond the end", 60, 0xFFFFFFF0, error::none},
+        {"no PE signature", headers_at, 0x00004551, error::none},
+        {"no sections", coff, 0, error::resource_malformed},
+        {"too few directories", directories - 4, 2, error::none},
+        {"no resources", directories + 16, 0, error::none},
+        {"resources outside of every section", directories + 16, 0xFFFFFFFF, error::resource_malformed},
+        {"section beyond the end", directories + 24 + 40 + 20, 0xFFFFFFF0, error::resource_malformed},
+        {"no version type", tree + 24, 17, error::none},
+        {"type leads to data", tree + 28, 0x20, error::resource_malformed},
+        {"type leads to itself", tree + 28, 0x80000000, error::none},
+        {"type leads outside", tree + 28, 0xFFFFFFFF, error::resource_malformed},
+        {"another name", tree + 0x30, 2, error::none},
+        {"language leads to a directory", tree + 0x4C, 0x80000050, error::resource_malformed},
+        {"data outside of every section", tree + 0x50, 0xFFFFFF00, error::resource_malformed},
+        {"data longer than its section", tree + 0x54, 0xFFFFFFFF, error::resource_malformed},
+        {"data shorter than a record", tree + 0x54, 91, error::resource_malformed},
+        {"texts only", block, 92, error::none},
+        {"record too short", block, 92 | 51 << 16, error::resource_malformed},
+        {"another key", block + 8, 0, error::resource_malformed},
+        {"no record signature", block + 40, 0xFEEF04BE, error::resource_malformed},
+    };
+    for (const Row& row : rows) {
+        Image image(0x20B);
+        image.put32(row.at, row.value);
+        const Answer answer = read(image.bytes);
+        EXPECT_EQ(answer.code, row.code) << row.what;
+        EXPECT_FALSE(answer.found) << row.what;
+    }
+}
+
+TEST(VersionRecord, CutAnywhereIsNeverFound) {
+    const Image image(0x10B);
+    for (size_t size = 0; size < image.bytes.size(); ++size) {
+        const Answer answer = read({image.bytes.begin(), image.bytes.begin() + static_cast<ptrdiff_t>(size)});
+        EXPECT_FALSE(answer.found) << size;
+        EXPECT_EQ(answer.code, size < headers_at + 24 ? error::none : error::resource_malformed) << size;
+    }
+}
+
+TEST(VersionRecord, SpoiltAnywhereNeverFaults) {
+    const Image good(0x20B);
+    for (size_t at = 0; at < good.bytes.size(); ++at) {
+        for (const uint8_t value : {0x00, 0x01, 0x7F, 0x80, 0xFF}) {
+            std::vector<uint8_t> bytes = good.bytes;
+            bytes[at] = value;
+            const Answer answer = read(bytes);
+            EXPECT_TRUE(answer.code == error::none || answer.code == error::resource_malformed) << at;
+            EXPECT_FALSE(answer.code != error::none && answer.found) << at;
+        }
+    }
+}
+
+} // namespace
+} // namespace vel::os
