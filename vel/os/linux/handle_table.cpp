@@ -137,6 +137,31 @@ HandleKind HandleTable::kind(void* handle) {
     return slot ? kind_of(slot->word.load(std::memory_order_acquire)) : HandleKind::none;
 }
 
+constinit thread_local PinLink* PinLink::top_ = nullptr;
+
+// A signal that ends the thread finds the chain whole at every instruction; between the two steps of a drop one pin may
+// be lost, never given back twice.
+void PinLink::hold(HandleObject* object) {
+    if (!object) return;
+    object_ = object;
+    below_ = top_;
+    std::atomic_signal_fence(std::memory_order_release);
+    top_ = this;
+}
+
+void PinLink::drop() {
+    if (!object_) return;
+    top_ = below_;
+    std::atomic_signal_fence(std::memory_order_release);
+    HandleTable::unpin(object_);
+}
+
+int PinLink::pins_of_caller(HandleObject** objects, int room) {
+    int count = 0;
+    for (const PinLink* link = top_; link && count < room; link = link->below_) objects[count++] = link->object_;
+    return count;
+}
+
 uint32_t close_handle(void* handle) { return HandleTable::close(handle); }
 uint32_t share_handle(void* handle) { return HandleTable::share(handle); }
 uint64_t open_handle_count() { return HandleTable::open_count(); }

@@ -56,24 +56,47 @@ public:
     static HandleKind kind(void* handle);
 };
 
+/// One pin of the calling thread. The pins of a thread form a chain, so that those of a thread that is ended by force
+/// are given back in its place. To be dropped in the reverse order, at least of those taken by one thread.
+class PinLink {
+public:
+    PinLink() = default;
+    PinLink(const PinLink&) = delete;
+    PinLink& operator=(const PinLink&) = delete;
+
+    /// Takes over a pin; null does nothing.
+    void hold(HandleObject* object);
+
+    /// Gives the pin back, if there is one.
+    void drop();
+
+    HandleObject* object() const { return object_; }
+
+    /// Copies the pinned objects of the calling thread, at most `room`; their number. Safe in a signal handler.
+    static int pins_of_caller(HandleObject** objects, int room);
+
+private:
+    HandleObject* object_ = nullptr;
+    PinLink* below_ = nullptr;
+    static constinit thread_local PinLink* top_ __attribute__((tls_model("initial-exec")));
+};
+
 /// Pins an object for a scope.
 template <class Object>
 class Pinned {
 public:
-    Pinned(void* handle, HandleKind kind) : object_(static_cast<Object*>(HandleTable::pin(handle, kind))) {}
+    Pinned(void* handle, HandleKind kind) { link_.hold(HandleTable::pin(handle, kind)); }
     Pinned(uint64_t socket, HandleKind kind) : Pinned(reinterpret_cast<void*>(socket), kind) {}
-    ~Pinned() {
-        if (object_) HandleTable::unpin(object_);
-    }
+    ~Pinned() { link_.drop(); }
     Pinned(const Pinned&) = delete;
     Pinned& operator=(const Pinned&) = delete;
 
-    explicit operator bool() const { return object_ != nullptr; }
-    Object* operator->() const { return object_; }
-    Object& operator*() const { return *object_; }
+    explicit operator bool() const { return link_.object() != nullptr; }
+    Object* operator->() const { return static_cast<Object*>(link_.object()); }
+    Object& operator*() const { return *operator->(); }
 
 private:
-    Object* object_;
+    PinLink link_;
 };
 
 inline void* to_handle(int descriptor) { return reinterpret_cast<void*>(static_cast<uintptr_t>(descriptor)); }
