@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <vel/memory/malloc.h>
 
-namespace vel::test {
+namespace vel::testing {
 
 class AllocatorEnvironment : public ::testing::Environment {
 public:
@@ -15,4 +15,4 @@ public:
 inline ::testing::Environment* const allocator_environment =
     ::testing::AddGlobalTestEnvironment(new AllocatorEnvironment);
 
-} // namespace vel::test
+} // namespace vel::testing
