@@ -15,7 +15,7 @@
 /// Every function takes the number of buckets (at least 1) and returns a value below it:
 ///  - integers hash by their bit pattern, zero-extended, modulo the buckets; `float` and `double` by their IEEE pattern;
 ///  - text hashes by a sampled 32-bit FNV-1: about ten characters spread over the text contribute, on purpose. Wide
-///    characters count with their low 16 bits. Text pointers are not null;
+///    text counts in 16-bit units. Text pointers are not null;
 ///  - std::string and std::wstring hash as their `c_str()`, a thread by its id.
 class VEL_API VEL_HFunc {
 public:
