@@ -87,6 +87,15 @@ def is_test(path):
     return path.endswith("_test.cpp") or path.startswith("vel/testing/")
 
 
+def is_internal(tree, header):
+    """Headers of the boundary, of the tests, and those that say so in their first line; the others are installed."""
+    return header.startswith(("vel/os/", "vel/testing/")) or "(internal)" in tree.text(header).partition("\n")[0]
+
+
+def public_headers(tree):
+    return [f for f in tree.files if re.fullmatch(r"vel/.*\.h", f) and not is_internal(tree, f)]
+
+
 def folder_of(path):
     """The folder of the house that a file belongs to: "vel/os/linux/x.cpp" is of "os"; None for the roots."""
     parts = path.split("/")
@@ -144,17 +153,26 @@ def check_include_direction(tree):
                 continue
             if name not in tree.files:
                 yield f"{where}: <{name}> is not in the tree"
+                continue
+            yield from behind_the_counter(tree, path, name, where)
             yield from wrong_direction(path, folder, name, lists, where)
+
+
+def behind_the_counter(tree, path, name, where):
+    """Includes of what is not installed by what is, or by what only has what is."""
+    if not is_internal(tree, name) or name == "vel/types.h":
+        return
+    if path.startswith("vel/") and path.endswith(".h") and not is_internal(tree, path):
+        yield f"{where}: <{name}> is not installed, this header is; include it in the source file, or name this " \
+              "header (internal) in its first line"
+    if path.startswith(("examples/", "bench/")):
+        yield f"{where}: <{name}> is not installed; use what users have"
 
 
 def wrong_direction(path, folder, name, lists, where):
     target = folder_of(name)
     if name.startswith("vel/os/linux/") and folder != "os" and not is_test(path):
         yield f"{where}: <{name}> is behind the boundary"
-    if target == "os" and path.endswith(".h") and folder != "os" and not is_test(path):
-        yield f"{where}: public headers know nothing of vel/os; move it to the source file"
-    if path.startswith("examples/") and target in ("os", "testing"):
-        yield f"{where}: <{name}> is not installed; examples use what users have"
     if folder is None or target == folder or name == "vel/types.h":
         return
     if target == "testing":
@@ -286,6 +304,20 @@ def listed_above(tree, path):
     return False
 
 
+UMBRELLA = "vel/vel.h"
+
+
+def umbrella_text(tree):
+    headers = sorted(f for f in public_headers(tree) if f != UMBRELLA)
+    head = "// Every public header of the library; ./dev format writes this list.\n#pragma once\n\n"
+    return head + "".join(f"#include <{header}>\n" for header in headers)
+
+
+def check_umbrella(tree):
+    if UMBRELLA not in tree.files or tree.text(UMBRELLA) != umbrella_text(tree):
+        yield f"{UMBRELLA}:1: does not list exactly the public headers; run ./dev format"
+
+
 def check_documents(tree):
     """Links between the documents lead somewhere, and a program that says which file it is holds that very text."""
     for path in tree.files:
@@ -303,7 +335,7 @@ def check_documents(tree):
 
 
 CHECKS = [check_floors, check_include_direction, check_system_headers, check_sizes, check_banned_calls, check_heads,
-          check_platform_ifdefs, check_sources_listed, check_documents]
+          check_platform_ifdefs, check_sources_listed, check_umbrella, check_documents]
 
 
 def check(tree):
