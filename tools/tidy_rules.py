@@ -28,7 +28,7 @@ NOWHERE = re.compile(r"(?!)")
 BANS = [
     (r"\b(strcpy|strcat|sprintf|vsprintf|gets|stpcpy)\s*\(", "has no bound; use snprintf or memcpy", NOWHERE),
     (r"\bstrtok\s*\(", "keeps hidden state; use find_first_of", NOWHERE),
-    (r"\b(rand|srand|random|srandom|drand48)\s*\(", "belongs to the application; use vel::os::random_bytes or an "
+    (r"\b(rand|srand|srandom|drand48|lrand48)\s*\(", "belongs to the application; use vel::os::random_bytes or an "
      "injected generator", NOWHERE),
     (r"(\bu?sleep\s*\(|\bsleep_for\b|\bsleep_until\b|\bnanosleep\s*\()",
      "sleeps; wait for an event, a condition or a descriptor", BOUNDARY),
