@@ -3,13 +3,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/handle.h>
+#include <vel/os/linux/deadline.h>
+#include <vel/os/linux/descriptor.h>
 #include <vel/os/linux/error.h>
 #include <vel/os/linux/socket_object.h>
 
@@ -36,30 +37,20 @@ template <class Call>
 uint32_t run(SocketObject& socket, ssize_t& result, Call system_call) {
     BlockingCall call(socket);
     if (call.ended()) return error::not_a_socket;
-    do {
-        result = system_call(socket.descriptor());
-    } while (result < 0 && errno == EINTR);
+    result = uninterrupted([&] { return system_call(socket.descriptor()); });
     const int error_number = errno;
     if (result <= 0 && call.ended()) return error::not_a_socket;
     return result < 0 ? transfer_error(socket, error_number) : error::none;
 }
 
-// Waits for events of one descriptor until the deadline; 0 events when it has passed.
+// Waits for events of one descriptor until the deadline; 0 when it has passed first.
 int poll_until(int descriptor, short events, uint32_t timeout_ms, short& found) {
-    using namespace std::chrono;
-    const auto deadline = steady_clock::now() + milliseconds(timeout_ms);
-    for (;;) {
-        int left = -1;
-        if (timeout_ms != VEL_INFINITE) {
-            const auto rest = ceil<milliseconds>(deadline - steady_clock::now()).count();
-            left = static_cast<int>(std::clamp<int64_t>(rest, 0, INT32_MAX));
-        }
-        pollfd entry{descriptor, events, 0};
-        const int ready = ::poll(&entry, 1, left);
-        found = ready > 0 ? entry.revents : short{0};
-        const bool early = ready == 0 && left == INT32_MAX; // the time-out does not fit into one wait
-        if (!early && !(ready < 0 && errno == EINTR)) return ready;
-    }
+    const Deadline deadline(timeout_ms);
+    pollfd entry{descriptor, events, 0};
+    timespec left;
+    const int ready = uninterrupted([&] { return ::ppoll(&entry, 1, deadline.remaining(left), nullptr); });
+    found = ready > 0 ? entry.revents : short{0};
+    return ready;
 }
 
 // An interrupted connect goes on in the background; connecting again would only give "already".
