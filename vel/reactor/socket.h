@@ -33,7 +33,7 @@ public:
     /// Opens a socket as VELLib::socket does; one held before is not closed. Returns 0 or -1.
     int open(int family, int type, int protocol);
 
-    /// Takes over an open socket. Returns 0.
+    /// Takes over an open socket, of which nothing is known about the peer yet. Returns 0.
     int attach(uint64_t socket);
     void close();
 
@@ -82,6 +82,7 @@ public:
     int disable_nonblock();
 
     /// Registers this socket with a reactor, or ends the registration, for the events of `mask`.
+    /// Not there yet: -1 with 0x20000003, as for the window below.
     int register_event_select(VEL_Reactor* reactor, VEL_Event_Handler* handler, uint32_t mask);
     int remove_event_select(VEL_Reactor* reactor, VEL_Event_Handler* handler, uint32_t mask);
 
