@@ -1,6 +1,7 @@
 // IPv4 socket address as a value.
 #pragma once
 
+#include <concepts>
 #include <string>
 #include <vel/types.h>
 
@@ -24,7 +25,10 @@ public:
     /// @param port  host order
     /// @param host  address in host order
     VEL_INET_Addr(uint16_t port, uint32_t host);
-    VEL_INET_Addr(uint16_t port, int host) : VEL_INET_Addr(port, static_cast<uint32_t>(host)) {}
+
+    /// Numbers of other types; this makes a literal 0 a number and no null pointer.
+    template <std::integral Port, std::integral Host>
+    VEL_INET_Addr(Port port, Host host) : VEL_INET_Addr(static_cast<uint16_t>(port), static_cast<uint32_t>(host)) {}
 
     /// @param host  dotted text, a host name, or null for any local address
     VEL_INET_Addr(uint16_t port, const char* host);
@@ -38,7 +42,10 @@ public:
 
     /// Sets address and port, both in host order. Returns 0.
     int set(uint16_t port, uint32_t host);
-    int set(uint16_t port, int host) { return set(port, static_cast<uint32_t>(host)); }
+    template <std::integral Port, std::integral Host>
+    int set(Port port, Host host) {
+        return set(static_cast<uint16_t>(port), static_cast<uint32_t>(host));
+    }
 
     /// Sets the address from dotted text at once, or from the first address of a host by a blocking name look-up.
     /// A group of dotted text that starts with 0 is octal, as everywhere in the socket layer.
