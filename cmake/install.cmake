@@ -20,6 +20,7 @@ endforeach()
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/vel-config-version.cmake COMPATIBILITY SameMinorVersion)
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/vel-config.cmake
      CONTENT "include(\${CMAKE_CURRENT_LIST_DIR}/vel-targets.cmake)\n" ESCAPE_QUOTES @ONLY)
+file(RELATIVE_PATH vel_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(${CMAKE_CURRENT_LIST_DIR}/vel.pc.in ${PROJECT_BINARY_DIR}/vel.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/vel-config.cmake ${PROJECT_BINARY_DIR}/vel-config-version.cmake
         DESTINATION ${vel_package})
