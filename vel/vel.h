@@ -15,7 +15,6 @@
 #include <vel/frame/debug.h>
 #include <vel/frame/error.h>
 #include <vel/frame/exception.h>
-#include <vel/frame/messages.h>
 #include <vel/frame/thread_id.h>
 #include <vel/library.h>
 #include <vel/memory/allocator.h>
@@ -47,6 +46,7 @@
 #include <vel/proactor/async_socket.h>
 #include <vel/proactor/async_stream_io.h>
 #include <vel/proactor/proactor.h>
+#include <vel/reactor/event_handler.h>
 #include <vel/reactor/socket.h>
 #include <vel/reactor/timer_queue.h>
 #include <vel/sync/file_mutex.h>

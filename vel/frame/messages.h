@@ -1,4 +1,4 @@
-// The message texts of the error codes.
+// The message texts of the error codes (internal).
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Dotted text of an IPv4 address: recognised, read and written without the system's help.
+// Dotted text of an IPv4 address: recognised, read and written without the system's help (internal).
 #pragma once
 
 #include <vel/types.h>
