@@ -39,7 +39,7 @@ public:
 /// Errors:    reading, writing and timed acquisition: 0x20000003.
 class VEL_API VEL_Thread_Mutex : public VEL_Base_Mutex {
 public:
-    VEL_Thread_Mutex();
+    VEL_Thread_Mutex() = default;
     VEL_Thread_Mutex(const VEL_Thread_Mutex&) : VEL_Thread_Mutex() {}
     VEL_Thread_Mutex& operator=(const VEL_Thread_Mutex&) { return *this; }
     ~VEL_Thread_Mutex() override;

@@ -13,7 +13,7 @@
 /// Limits:    a size counts modulo 2^32, on purpose.
 ///
 ///     VEL_Shared_Memory block;
-///     if (block.open("counters", 4096) < 0) return -1;
+///     if (block.open("counters", 4096) == -1) return -1;
 ///     VEL_Guard guard(block);
 ///     ++*static_cast<uint64_t*>(block.c_ptr(0));
 class VEL_API VEL_Shared_Memory : public VEL_Process_Mutex {
@@ -28,7 +28,8 @@ public:
     /// Opens the block, or creates it filled with zeros; one that is open already is closed first.
     /// @param name  null opens the nameless block of all processes
     /// @param size  bytes to create; a block that is there keeps its own size
-    /// @return      the size of the block in bytes, whole pages; -1 on failure
+    /// @return      the size of the block in bytes, whole pages; -1 on failure. 2 GiB and more do not fit: compare with
+    ///              -1 and ask `size`
     int open(const char* name, uint64_t size);
     void close();
 
