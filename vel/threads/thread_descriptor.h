@@ -57,6 +57,9 @@ private:
     /// Ends the platform thread and closes its handle. 0, or -1 with the system's code.
     int kill(int exit_code);
 
+    /// Whether the thread, after a kill that failed, is there still.
+    bool survived() const;
+
     /// The previous suspend count, or -1 with the system's code.
     int suspend();
     int resume();
@@ -64,10 +67,16 @@ private:
     /// Hands a message to the task. -1 with 0x20000003 without a task, 0x20000007 unless running or suspended.
     int sendMessage(const VEL_Message_Block& message);
 
-    /// Closes the handle of a thread that has ended.
+    /// Closes the handle of a thread that has ended and notes its exit code.
     void thr_close();
 
+    bool is_caller() const;
+
+    /// Moves to a state that a thread which has ended meanwhile does not take.
+    void enter(VEL_Thread_State state);
+
     VEL_thread_t thread_;
+    bool closed_ = false;            // the handle was closed
     VEL_Reactor* reactor_ = nullptr; // owned; task threads only
     VEL_Task_Base* task_ = nullptr;  // one reference held; task threads only
     int (*entry_)(void*) = nullptr;

@@ -4,8 +4,10 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <vector>
 #include <vel/frame/thread_id.h>
 #include <vel/memory/hash_map.h>
+#include <vel/sync/guard.h>
 #include <vel/sync/mutex.h>
 #include <vel/sync/tls.h>
 #include <vel/threads/thread_descriptor.h>
@@ -70,8 +72,9 @@ public:
     int cancel(int grp);
     int cancel_all();
 
-    /// Ends a thread without unwinding and forgets it, also when the system refused. It never ends its caller: that
-    /// answers -1 with 5 and keeps the thread; the group form steps over the caller.
+    /// Ends a thread without unwinding and forgets it; one that has ended by itself is forgotten too. It never ends its
+    /// caller: that answers -1 with 5 and keeps the thread, and so does one that cannot be stopped now with 258. The
+    /// group form steps over both and returns 0.
     int kill(const VEL_thread_t& thread, int exit_code);
     int kill(int grp, int exit_code);
 
@@ -87,7 +90,8 @@ public:
     int join(const VEL_thread_t& thread, int* exit_code);
 
     /// Waits for one thread, a group or all threads to end, and forgets those that have. The forms for several share
-    /// one time budget. On time-out -1 with 258; what has not ended stays known.
+    /// one time budget. On time-out -1 with 258; what has not ended stays known. They cancel nothing: a thread that was
+    /// never resumed does not end.
     int wait(const VEL_thread_t& thread, uint32_t timeout_ms);
     int wait(int grp, uint32_t timeout_ms);
     int wait(uint32_t timeout_ms);
@@ -126,7 +130,9 @@ public:
 
 private:
     friend class VEL_Task_Base;
+    friend class VEL_Thread_Descriptor;
     using Threads = VEL_Hash_Map<VEL_thread_t, VEL_Thread_Descriptor*>;
+    using Descriptors = std::vector<std::unique_ptr<VEL_Thread_Descriptor>>;
 
     /// Adds a descriptor under its thread's name. -1 with the error code set.
     int insert(VEL_Thread_Descriptor* descriptor);
@@ -134,8 +140,33 @@ private:
     /// Takes a descriptor out of the map without deleting it; null with 0x2000000A when it is not there.
     VEL_Thread_Descriptor* remove(const VEL_thread_t& thread);
 
-    /// Copies the name of the oldest thread; -1 when there is none.
+    /// Copies the name of the oldest thread that is not the caller; -1 when there is none.
     int pop(VEL_thread_t& thread);
+
+    /// The descriptor of a thread; null with 0x2000000A when it is not there.
+    VEL_Thread_Descriptor* find(const VEL_thread_t& thread);
+
+    /// The oldest member of a group, of all threads where `grp` is null; null when there is none.
+    VEL_Thread_Descriptor* first_of(const int* grp);
+
+    /// Threads of a group, of all groups where `grp` is null, as names: what is called for one may end others.
+    std::vector<VEL_thread_t> members(const int* grp);
+
+    /// Creates a suspended thread and puts it into the map. Throws VEL_Exception.
+    void add(VEL_Thread_Descriptor& descriptor, unsigned int stack_size);
+
+    /// Second half of a spawn: ends what was created, or gives it to the map and lets it run unless `flags`.
+    void undo(Descriptors& created);
+    void hand_out(Descriptors& created, VEL_thread_t* ids, uint32_t flags);
+
+    /// Suspends the calling thread with the lock released, since resuming it takes the lock.
+    int suspend_caller(VEL_Guard& guard, VEL_Thread_Descriptor& descriptor);
+
+    /// Waits for the members with one budget of time, as `wait`.
+    int wait_members(const int* grp, uint32_t timeout_ms);
+
+    /// Waits for one thread with the lock released; when it has ended forgets it. 0, or -1 with the error code set.
+    int wait_and_forget(VEL_Guard& guard, const VEL_thread_t& thread, uint32_t timeout_ms);
 
     /// The platform's thread function; its argument is the descriptor.
     static uint32_t thr_entry(void* argument);
