@@ -15,8 +15,7 @@ VEL_API int createdir(const char* path);
 VEL_API int deletedir(const char* path);
 
 /// Directory of the running executable, without a trailing separator.
-/// @param length  bytes of `buffer`; not above the directory's length: 122. An executable whose path is longer than
-///                260 bytes: 206
+/// @param length  bytes of `buffer`; not above the directory's length: 122. A directory of 260 bytes or more: 206
 /// Returns the length of the directory in bytes, or 0 with the error code.
 VEL_API uint64_t getmodpath(char* buffer, uint64_t length);
 

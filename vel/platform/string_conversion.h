@@ -13,7 +13,8 @@ class VEL_API Converted_Text {
 public:
     Converted_Text() = default;
     Converted_Text(const Converted_Text& other);
-    Converted_Text& operator=(const Converted_Text& other);
+    Converted_Text(Converted_Text&& other) noexcept;
+    Converted_Text& operator=(Converted_Text other) noexcept;
     ~Converted_Text();
 
     /// Frees what is owned and holds nothing.
@@ -46,7 +47,9 @@ class VEL_API VEL_Str_Conv {
 public:
     VEL_Str_Conv() = default;
     VEL_Str_Conv(const VEL_Str_Conv&) = default;
+    VEL_Str_Conv(VEL_Str_Conv&&) = default;
     VEL_Str_Conv& operator=(const VEL_Str_Conv&) = default;
+    VEL_Str_Conv& operator=(VEL_Str_Conv&&) = default;
     virtual ~VEL_Str_Conv();
 
     const char* convert_to_char(const char* text);
@@ -77,7 +80,9 @@ class VEL_API VEL_Str_UTF8_Conv {
 public:
     VEL_Str_UTF8_Conv() = default;
     VEL_Str_UTF8_Conv(const VEL_Str_UTF8_Conv&) = default;
+    VEL_Str_UTF8_Conv(VEL_Str_UTF8_Conv&&) = default;
     VEL_Str_UTF8_Conv& operator=(const VEL_Str_UTF8_Conv&) = default;
+    VEL_Str_UTF8_Conv& operator=(VEL_Str_UTF8_Conv&&) = default;
     virtual ~VEL_Str_UTF8_Conv();
 
     const wchar_t* convert_UTF8_to_wchar(const char* text);

@@ -51,7 +51,8 @@ VEL_API char* tstrset(char* text, int character);
 VEL_API char* tstrnset(char* text, int character, uint64_t count);
 
 /// Characters written without the NUL; 0 when they do not fit `size` bytes.
-VEL_API uint64_t tstrftime(char* buffer, uint64_t size, const char* format, const std::tm* time);
+VEL_API uint64_t tstrftime(char* buffer, uint64_t size, const char* format, const std::tm* time)
+    __attribute__((format(strftime, 3, 0)));
 
 /// Leading number of the text, 0 when there is none; out of range gives the nearest limit.
 VEL_API int tatoi(const char* text);

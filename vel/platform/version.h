@@ -16,6 +16,8 @@ public:
     /// `extract(path)`; throws VEL_Exception with the thread's error code when that returns 0.
     VEL_Version(const char* path);
 
+    VEL_Version(const VEL_Version&) = default;
+    VEL_Version& operator=(const VEL_Version&) = default;
     virtual ~VEL_Version();
 
     /// Clears the values and reads those of a file. A file without a version record succeeds with zeros, on purpose:

@@ -15,8 +15,8 @@ class TemporaryDirectory {
 public:
     /// @param base  existing directory to make it in; the system's place for temporary files by default
     explicit TemporaryDirectory(const std::filesystem::path& base = std::filesystem::temp_directory_path()) {
-        std::random_device random;
-        do path_ = base / ("vel-test-" + std::to_string(random()));
+        std::random_device numbers;
+        do path_ = base / ("vel-test-" + std::to_string(numbers()));
         while (!std::filesystem::create_directory(path_));
     }
     ~TemporaryDirectory() {

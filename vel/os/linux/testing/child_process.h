@@ -35,6 +35,12 @@ private:
     int descriptor_;
 };
 
+/// Gives up the rights of the superuser for good; true when permissions now hold for this process.
+inline bool become_ordinary_user() {
+    constexpr uid_t nobody = 65534;
+    return ::geteuid() != 0 || ::setresuid(nobody, nobody, nobody) == 0;
+}
+
 /// Runs `body` in a forked child; its result is the exit code. The child never returns into the test.
 /// Start it before the test starts threads.
 class ChildProcess {
