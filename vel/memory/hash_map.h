@@ -36,7 +36,7 @@ private:
     K key_;
     V value_;
     VEL_Hash_Node* chain_next_ = nullptr;
-    VEL_Hash_Node* chain_prev_ = nullptr;
+    VEL_Hash_Node** chain_prev_ = nullptr; // the pointer that leads here: the one before's, or the bucket itself
     VEL_Hash_Node* list_next_ = nullptr;
     VEL_Hash_Node* list_prev_ = nullptr;
 };
@@ -201,7 +201,8 @@ private:
 
     void link(Node* node, uint64_t bucket) {
         node->chain_next_ = table_[bucket];
-        if (node->chain_next_) node->chain_next_->chain_prev_ = node;
+        node->chain_prev_ = &table_[bucket];
+        if (node->chain_next_) node->chain_next_->chain_prev_ = &node->chain_next_;
         table_[bucket] = node;
         node->list_prev_ = tail_;
         (tail_ ? tail_->list_next_ : head_) = node;
@@ -210,9 +211,7 @@ private:
     }
 
     void unlink(Node* node) {
-        Node*& before =
-            node->chain_prev_ ? node->chain_prev_->chain_next_ : table_[hash_.HashFunc(node->key_, buckets_)];
-        before = node->chain_next_;
+        *node->chain_prev_ = node->chain_next_;
         if (node->chain_next_) node->chain_next_->chain_prev_ = node->chain_prev_;
         (node->list_prev_ ? node->list_prev_->list_next_ : head_) = node->list_next_;
         (node->list_next_ ? node->list_next_->list_prev_ : tail_) = node->list_prev_;
