@@ -1,4 +1,4 @@
-// Every public header of the library; ./dev format writes this list.
+// Every public header of the library.
 #pragma once
 
 #include <vel/buffers/archive.h>
