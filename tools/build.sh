@@ -86,6 +86,7 @@ run_fuzzers() {
 
 make_docs() {
     mkdir -p build/docs
-    doxygen docs/Doxyfile
+    { cat docs/Doxyfile; echo "INPUT = README.md docs $(sed -n 's/#include <\(.*\)>/\1/p' vel/vel.h | xargs)"; } |
+        doxygen -
     echo "build/docs/html/index.html"
 }

@@ -1,4 +1,4 @@
-// Every public header of the library.
+// Every public header of the library; ./dev format writes this list.
 #pragma once
 
 #include <vel/buffers/archive.h>
@@ -60,7 +60,6 @@
 #include <vel/sync/singleton.h>
 #include <vel/sync/thread_safety.h>
 #include <vel/sync/tls.h>
-#include <vel/sync/unsupported.h>
 #include <vel/threads/thread_descriptor.h>
 #include <vel/threads/thread_manager.h>
 #include <vel/types.h>
