@@ -1,6 +1,7 @@
 // Messages: one serializable object behind a 20-byte header, packed and unpacked.
 #pragma once
 
+#include <vel/buffers/byte_block.h>
 #include <vel/buffers/input_cdr.h>
 #include <vel/buffers/output_cdr.h>
 
@@ -125,13 +126,12 @@ private:
     void add_size(uint64_t size);
 
     void copy_from(const VEL_Archive& other);
-    int serialize_body(const VEL_Serializable& object);
-    int build_header(void* buffer, uint64_t size, uint32_t version, uint16_t stype, uint16_t sid, uint32_t body_size,
-                     uint32_t elements) const;
+    void build_header(uint8_t* at) const;
     int parse_header();
     uint64_t take_header(const uint8_t* data, uint64_t size);
-    int take_body(const uint8_t* data, uint64_t size);
+    int take_body(const uint8_t* data, uint64_t count);
     int decode(const void* body, const VEL_Object_Factory& factory, VEL_Serializable*& out);
+    int abandon();
 
     uint8_t header_[20] = {};
     uint8_t* body_ = nullptr;    // what has arrived of the body, when it comes in pieces
@@ -174,20 +174,21 @@ namespace vel {
 /// Appending and reading throw VEL_Exception.
 struct ArchiveStream {
     template <class T>
-    static VEL_Archive& append(VEL_Archive& archive, T value) {
+    [[gnu::always_inline]] static VEL_Archive& append(VEL_Archive& archive, T value) {
         if (archive.put(archive.output_.elements(), value) < 0) [[unlikely]]
             cdr::throw_last_error();
         return archive;
     }
 
-    static VEL_Archive& append_bytes(VEL_Archive& archive, uint8_t tag, const void* data, uint64_t size) {
+    [[gnu::always_inline]] static VEL_Archive& append_bytes(VEL_Archive& archive, uint8_t tag, const void* data,
+                                                            uint64_t size) {
         if (archive.output_.put_bytes(archive.output_.elements(), tag, data, size) < 0) [[unlikely]]
             cdr::throw_last_error();
         return archive;
     }
 
     template <class T>
-    static VEL_Archive& take(VEL_Archive& archive, T& value) {
+    [[gnu::always_inline]] static VEL_Archive& take(VEL_Archive& archive, T& value) {
         if (archive.input_.take_number(value)) [[likely]]
             return archive;
         std::conditional_t<std::is_floating_point_v<T>, T, cdr::Bits<T>> wire;
@@ -207,6 +208,10 @@ struct ArchiveStream {
     static VEL_Archive& add_bytes(VEL_Archive& archive, uint64_t size) {
         archive.add_size(size);
         return archive;
+    }
+
+    static bool take_bytes(VEL_Archive& archive, uint8_t tag, cdr::Element& element) {
+        return archive.input_.take_bytes(tag, element);
     }
 
     static VEL_OutputCDR& output(VEL_Archive& archive) { return archive.output_; }
@@ -234,10 +239,12 @@ inline VEL_Archive& operator<<(VEL_Archive& to, double value) { return vel::Arch
 inline VEL_Archive& operator<<(VEL_Archive& to, const std::string& text) {
     return vel::ArchiveStream::append_bytes(to, vel::cdr::tag_string, text.data(), text.size());
 }
+inline VEL_Archive& operator<<(VEL_Archive& to, const VEL_Byte_Block& block) {
+    return vel::ArchiveStream::append_bytes(to, vel::cdr::tag_bytes, block.c_ptr(0), block.size());
+}
 VEL_API VEL_Archive& operator<<(VEL_Archive& to, const char* value);
 VEL_API VEL_Archive& operator<<(VEL_Archive& to, const wchar_t* value);
 VEL_API VEL_Archive& operator<<(VEL_Archive& to, const std::wstring& value);
-VEL_API VEL_Archive& operator<<(VEL_Archive& to, const VEL_Byte_Block& value);
 VEL_API VEL_Archive& operator<<(VEL_Archive& to, const VEL_Bitfield& value);
 /// As the 64-bit file time; throws 87 for a time that does not exist.
 VEL_API VEL_Archive& operator<<(VEL_Archive& to, const SYSTEMTIME& time);

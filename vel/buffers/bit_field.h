@@ -83,6 +83,8 @@ public:
     void reset();
 
 private:
+    void swap(VEL_Bitfield& other) noexcept;
+
     uint8_t* bytes_ = nullptr; // from VEL_Std_Allocator; null when empty
     uint64_t bit_count_ = 0;
     uint64_t byte_size_ = 0; // ceil(bit_count_ / 8)

@@ -31,7 +31,8 @@ public:
     /// Takes the next block whole: `out` shares it, the result is its size, 0 when the queue is empty.
     ///
     /// Two deliberate oddities: the byte count stays as it is, and of a block already read in part `out` receives as
-    /// many bytes as `out` had unread before the call, so an empty `out` drops the rest of that block.
+    /// many bytes as `out` had unread before the call (never more than are left), so an empty `out` drops the rest of
+    /// that block.
     /// Errors: 8 and the allocator's.
     int dequeue(VEL_Byte_Block& out);
 

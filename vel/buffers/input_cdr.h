@@ -93,19 +93,21 @@ private:
     bool take_number(T& value);
     template <class T>
     bool take_number(uint32_t id, T& value);
-    int next(vel::cdr::Element& element);
+    bool take_bytes(uint8_t tag, vel::cdr::Element& element);
+    int64_t walk(uint32_t count);
 
-    template <class T>
-    bool is_number_next() const;
     bool is_plain() const;
     uint64_t remaining() const { return position_ < length_ ? length_ - position_ : 0; }
-    int header_cut_off();
-    int read_header(vel::cdr::Element& element);
-    int lookup_element(vel::cdr::Element& element);
-    int check_length(const vel::cdr::Element& element);
+    int next(vel::cdr::Element& element);
+    int next_plain(vel::cdr::Element& element);
+    int pass(const vel::cdr::Element& element);
     int find(uint32_t id, vel::cdr::Element& element);
     template <class V>
     int find_value(uint32_t id, uint8_t tag, V& value);
+    template <class T>
+    int get_number(uint32_t id, T& value);
+    template <class T>
+    int read_number(T& value);
 
     const uint8_t* buffer_ = nullptr;
     uint64_t length_ = 0;   // 0 when buffer_ is null
@@ -118,26 +120,34 @@ inline void VEL_InputCDR::set(const void* buffer, uint64_t length) {
     position_ = 0;
 }
 
-/// True when a whole element of the number's type and length stands at the position.
 template <class T>
-bool VEL_InputCDR::is_number_next() const {
-    if (remaining() < vel::cdr::header_size + sizeof(T)) return false;
-    const uint8_t* at = buffer_ + position_;
-    return at[4] == vel::cdr::number_tag<T>() && vel::cdr::load<uint32_t>(at + 5) == sizeof(T);
-}
-
-template <class T>
-bool VEL_InputCDR::take_number(T& value) {
-    if (!is_number_next<T>()) [[unlikely]]
+[[gnu::always_inline]] inline bool VEL_InputCDR::take_number(T& value) {
+    constexpr uint64_t size = vel::cdr::header_size + sizeof(T);
+    if (remaining() < size) [[unlikely]]
         return false;
-    value = vel::cdr::load<T>(buffer_ + position_ + vel::cdr::header_size);
-    position_ += vel::cdr::header_size + sizeof(T);
+    const uint8_t* at = buffer_ + position_;
+    if (!vel::cdr::has_header(at, vel::cdr::number_tag<T>(), sizeof(T))) [[unlikely]]
+        return false;
+    value = vel::cdr::load<T>(at + vel::cdr::header_size);
+    position_ += size;
     return true;
 }
 
 template <class T>
 bool VEL_InputCDR::take_number(uint32_t id, T& value) {
     return remaining() >= sizeof id && vel::cdr::load<uint32_t>(buffer_ + position_) == id && take_number(value);
+}
+
+inline bool VEL_InputCDR::take_bytes(uint8_t tag, vel::cdr::Element& element) {
+    const uint64_t left = remaining();
+    if (left < vel::cdr::header_size) return false;
+    const uint8_t* at = buffer_ + position_;
+    if (at[4] != tag) return false;
+    const auto length = vel::cdr::load<uint32_t>(at + 5);
+    if (length > left - vel::cdr::header_size || length > vel::cdr::element_limit - vel::cdr::header_size) return false;
+    element = {vel::cdr::load<uint32_t>(at), tag, length, at + vel::cdr::header_size};
+    position_ += vel::cdr::header_size + length;
+    return true;
 }
 
 VEL_API VEL_InputCDR& operator>>(VEL_InputCDR& in, uint8_t& value);

@@ -28,7 +28,7 @@ public:
     void reset() { set(nullptr, 0); }
 
     /// Encoded bytes: the largest position ever reached. A getter, whatever its name says.
-    uint64_t set_size() const { return size_; }
+    uint64_t set_size() const { return size_ < position_ ? position_ : size_; }
 
     /// Elements written by set_value.
     uint32_t elements() const { return elements_; }
@@ -72,26 +72,23 @@ private:
     template <class T>
     int put_number(uint32_t id, T value);
     int put_bytes(uint32_t id, uint8_t tag, const void* data, uint64_t length);
-    int put_bits(uint32_t id, const VEL_Bitfield& bits);
 
     bool is_plain() const;
     uint64_t room() const { return capacity_ - position_; }
     uint8_t* begin_element(uint32_t id, uint8_t tag, uint64_t length);
     int end_element(uint64_t total);
     int refuse() const;
-    void advance(uint64_t count);
     template <class T>
     int write_number(T value);
     template <class T>
     int set_number(uint32_t id, T value);
     int set_bytes(uint32_t id, uint8_t tag, const void* data, uint64_t length);
     int write_header(uint32_t id, uint8_t tag, uint64_t length);
-    int write_bits(uint32_t id, const VEL_Bitfield& bits);
 
     uint8_t* buffer_ = nullptr;
     uint64_t capacity_ = 0; // 0 when buffer_ is null
     uint64_t position_ = 0; // never above capacity_
-    uint64_t size_ = 0;
+    uint64_t size_ = 0;     // largest position that was ever left by `move`; set_size() looks at position_ too
     uint32_t elements_ = 0;
 };
 
@@ -103,30 +100,23 @@ inline void VEL_OutputCDR::set(void* buffer, uint64_t capacity) {
     elements_ = 0;
 }
 
-inline void VEL_OutputCDR::advance(uint64_t count) {
-    position_ += count;
-    if (size_ < position_) size_ = position_;
-}
-
 /// Writes the header of an element that fits as a whole and returns where its payload goes; else null.
-inline uint8_t* VEL_OutputCDR::begin_element(uint32_t id, uint8_t tag, uint64_t length) {
+[[gnu::always_inline]] inline uint8_t* VEL_OutputCDR::begin_element(uint32_t id, uint8_t tag, uint64_t length) {
     if (length > vel::cdr::element_limit - vel::cdr::header_size) return nullptr;
     if (room() < vel::cdr::header_size + length) return nullptr;
     uint8_t* at = buffer_ + position_;
-    vel::cdr::store(at, id);
-    at[4] = tag;
-    vel::cdr::store(at + 5, static_cast<uint32_t>(length));
+    vel::cdr::store_header(at, id, tag, static_cast<uint32_t>(length));
     return at + vel::cdr::header_size;
 }
 
-inline int VEL_OutputCDR::end_element(uint64_t total) {
-    advance(total);
+[[gnu::always_inline]] inline int VEL_OutputCDR::end_element(uint64_t total) {
+    position_ += total;
     ++elements_;
     return static_cast<int>(total);
 }
 
 template <class T>
-int VEL_OutputCDR::put_number(uint32_t id, T value) {
+[[gnu::always_inline]] inline int VEL_OutputCDR::put_number(uint32_t id, T value) {
     uint8_t* payload = begin_element(id, vel::cdr::number_tag<T>(), sizeof(T));
     if (payload == nullptr) [[unlikely]]
         return refuse();
@@ -134,7 +124,8 @@ int VEL_OutputCDR::put_number(uint32_t id, T value) {
     return end_element(vel::cdr::header_size + sizeof(T));
 }
 
-inline int VEL_OutputCDR::put_bytes(uint32_t id, uint8_t tag, const void* data, uint64_t length) {
+[[gnu::always_inline]] inline int VEL_OutputCDR::put_bytes(uint32_t id, uint8_t tag, const void* data,
+                                                           uint64_t length) {
     uint8_t* payload = begin_element(id, tag, length);
     if (payload == nullptr) [[unlikely]]
         return refuse();

@@ -1,0 +1,83 @@
+// Message blocks: sharing, and the hand-over between the thread that waits and the one that answers.
+#include <vel/buffers/message_block.h>
+
+#include <gtest/gtest.h>
+#include <thread>
+#include <vel/buffers/serializable.h>
+#include <vel/frame/error.h>
+#include <vel/os/event.h>
+#include <vel/os/handle.h>
+#include <vel/testing/allocator_environment.h>
+
+namespace {
+
+class Counted : public VEL_Serializable {
+public:
+    explicit Counted(int v = 0) : value(v) { ++alive; }
+    ~Counted() override { --alive; }
+    int value;
+    static inline int alive = 0;
+};
+
+class MessageBlock : public ::testing::Test {
+protected:
+    ~MessageBlock() override {
+        EXPECT_EQ(Counted::alive, 0);
+        EXPECT_EQ(vel::os::open_handle_count(), handles_);
+    }
+    uint64_t handles_ = vel::os::open_handle_count();
+};
+
+TEST_F(MessageBlock, TheLastHandleDeletesTheMessage) {
+    VEL_Message_Block first(new Counted(3), false);
+    VEL_Message_Block second = first;
+    VEL_Message_Block third;
+    third = second;
+    third = third;
+    EXPECT_EQ(third, first);
+    first.reset();
+    second = VEL_Message_Block(new Counted(4), false);
+    EXPECT_NE(second, third);
+    EXPECT_EQ(static_cast<Counted*>(third.c_ptr())->value, 3);
+    EXPECT_EQ(Counted::alive, 2);
+}
+
+TEST_F(MessageBlock, WithoutARecordNothingIsAnswered) {
+    VEL_Message_Block plain(new Counted, false);
+    EXPECT_EQ(plain.signal(-1, 5, nullptr), 0);
+    EXPECT_EQ(plain.wait(VEL_INFINITE), 0);
+    EXPECT_EQ(plain.error_code(), 0u);
+    EXPECT_EQ(plain.get_handle(), nullptr);
+    VEL_Message_Block none(nullptr, false);
+    EXPECT_EQ(none, VEL_Message_Block());
+    VEL_Message_Block only_record(nullptr, true);
+    EXPECT_TRUE(only_record.is_null());
+    EXPECT_NE(only_record.get_handle(), nullptr);
+}
+
+TEST_F(MessageBlock, WaitReportsTimeOutThenTheAnswerForEver) {
+    VEL_Message_Block message(new Counted, true);
+    EXPECT_EQ(message.wait(0), -1);
+    EXPECT_EQ(VELLib::GetErrorCode(), 258u);
+    EXPECT_EQ(message.signal(-1, 5, nullptr), 0);
+    for (int i = 0; i < 2; ++i) {
+        VELLib::SetErrorCode(1);
+        EXPECT_EQ(message.wait(VEL_INFINITE), -1);
+        EXPECT_EQ(VELLib::GetErrorCode(), 0x20000009u);
+        EXPECT_EQ(message.error_code(), 5u);
+    }
+    EXPECT_EQ(vel::os::wait_handle(message.get_handle(), 0), 0u);
+}
+
+TEST_F(MessageBlock, TheReceiverAnswersThroughItsOwnHandle) {
+    for (int round = 0; round < 200; ++round) {
+        VEL_Message_Block message(new Counted, true);
+        std::thread receiver([handle = message]() mutable { handle.signal(42, 0, new Counted(7)); });
+        EXPECT_EQ(message.wait(10'000), 42);
+        EXPECT_EQ(static_cast<Counted*>(message.get_resmsg())->value, 7);
+        message.reset();
+        receiver.join();
+    }
+}
+
+} // namespace
