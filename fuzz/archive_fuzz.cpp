@@ -1,0 +1,169 @@
+// Any bytes as a stream of archive messages, in one piece and in pieces that the input chooses: both ways give the same
+// objects and the same error, memory stays in proportion to the bytes, and the archive is usable afterwards.
+//
+// Input: one byte n, n sizes of pieces (used in turn, 0 is a piece of 256), the stream.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+#include <vel/buffers/archive.h>
+#include <vel/buffers/bit_field.h>
+#include <vel/buffers/object_factory.h>
+#include <vel/buffers/serializable.h>
+#include <vel/frame/error.h>
+#include <vel/memory/malloc.h>
+#include <vel/platform/inet_addr.h>
+
+namespace {
+
+void require(bool holds) {
+    if (!holds) std::abort();
+}
+
+/// Refuses what no input of this size can need.
+class BoundedAllocator : public VEL_Allocator {
+public:
+    void* malloc(uint64_t size, bool zero) override {
+        require(size <= limit);
+        return VEL_Std_Allocator::instance()->malloc(size, zero);
+    }
+    void* realloc(void* block, uint64_t size) override {
+        require(size <= limit);
+        return VEL_Std_Allocator::instance()->realloc(block, size);
+    }
+    void free(void* block) override { VEL_Std_Allocator::instance()->free(block); }
+
+    uint64_t limit = 0;
+};
+
+BoundedAllocator allocator;
+
+/// Reads its body in the way that its kind asks for.
+class Message : public VEL_Serializable {
+public:
+    Message(uint16_t stype, uint16_t sid) : VEL_Serializable(stype, sid) {}
+
+    int deserialize(VEL_Archive& archive) override {
+        switch (get_stype()) {
+        case 1: archive >> number >> text >> block >> bits; break;
+        case 2: archive >> time >> address >> wide; break;
+        case 3:
+            if (archive.get_element(2, text) < 0 || archive.get_element(1, number) < 0) return -1;
+            return archive.get_element(0, block);
+        case 4: archive >> c >> s >> l >> f >> d; break;
+        case 5: return archive.get_element(get_sid(), bits);
+        default: break;
+        }
+        return 0;
+    }
+    int serialize(VEL_Archive& archive) const override {
+        archive << number << text << block << bits << wide << c << s << l << f << d << address;
+        return 0;
+    }
+
+    int number = 0;
+    char c = 0;
+    short s = 0;
+    long l = 0;
+    float f = 0;
+    double d = 0;
+    std::string text;
+    std::wstring wide;
+    VEL_Byte_Block block;
+    VEL_Bitfield bits;
+    SYSTEMTIME time = {};
+    VEL_INET_Addr address;
+};
+
+class Factory : public VEL_Object_Factory {
+public:
+    VEL_Serializable* create_stream(uint16_t stype, uint16_t sid) const override {
+        return stype < 6 ? new Message(stype, sid) : nullptr;
+    }
+};
+
+const Factory factory;
+
+/// What a stream came to: the bytes of its objects, and the error that ended it.
+struct Outcome {
+    std::vector<std::vector<uint8_t>> objects;
+    uint32_t code = 0;
+
+    bool operator==(const Outcome&) const = default;
+};
+
+void record(VEL_Serializable& object, uint64_t stream_size, Outcome& outcome) {
+    std::vector<uint8_t> bytes(1024 + 8 * stream_size);
+    VEL_Archive archive;
+    const int length = archive.serialize(bytes.data(), bytes.size(), object);
+    require(length > 0);
+    bytes.resize(static_cast<uint64_t>(length));
+    outcome.objects.push_back(bytes);
+}
+
+/// Offers one piece until it is used up. False once the stream has failed.
+bool feed(VEL_Archive& archive, const uint8_t* data, uint64_t size, uint64_t stream_size, Outcome& outcome) {
+    while (size > 0) {
+        VEL_Serializable* made = nullptr;
+        const int used = archive.deserialize(data, size, factory, made);
+        const std::unique_ptr<VEL_Serializable> object(made);
+        if (used < 0) {
+            outcome.code = VELLib::GetErrorCode();
+            require(archive.get_bodysize() == 0 && made == nullptr);
+            return false;
+        }
+        require((used > 0) == (made != nullptr) && static_cast<uint64_t>(used) <= size);
+        if (used == 0) return true;
+        record(*object, stream_size, outcome);
+        data += used;
+        size -= static_cast<uint64_t>(used);
+    }
+    return true;
+}
+
+void require_usable(VEL_Archive& archive) {
+    archive.reset();
+    const uint8_t empty[20] = {'V', 'E', 'L', 'S', 0, 1, 0, 0, 0, 0, 0, 7};
+    VEL_Serializable* made = nullptr;
+    require(archive.deserialize(empty, sizeof empty, factory, made) == sizeof empty);
+    require(made != nullptr && made->get_sid() == 7);
+    delete made;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    VELLib::set_allocator(&allocator);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size == 0 || size < data[0] + size_t{1}) return 0;
+    const uint64_t pieces = data[0];
+    const uint8_t* sizes = data + 1;
+    const uint8_t* stream = sizes + pieces;
+    const uint64_t length = size - 1 - pieces;
+    allocator.limit = 256 + 2 * length;
+
+    Outcome whole;
+    VEL_Archive archive;
+    feed(archive, stream, length, length, whole);
+    require_usable(archive);
+
+    Outcome pieced;
+    uint64_t at = 0;
+    for (uint64_t i = 0; at < length; ++i) {
+        const uint64_t wanted = pieces == 0 ? 1 : sizes[i % pieces] == 0 ? 256 : sizes[i % pieces];
+        // Each piece in memory of its own, so that a read beyond it is seen by the sanitizers.
+        const uint64_t count = std::min(wanted, length - at);
+        const std::vector<uint8_t> piece(stream + at, stream + at + count);
+        if (!feed(archive, piece.data(), count, length, pieced)) break;
+        at += count;
+    }
+    require(pieced == whole);
+    require_usable(archive);
+    return 0;
+}

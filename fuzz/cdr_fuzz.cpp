@@ -1,0 +1,127 @@
+// Any bytes as an element stream: what is read lies in the buffer, a derived stream reads the same, and what was read
+// writes the same bytes again.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+#include <vel/buffers/bit_field.h>
+#include <vel/buffers/byte_block.h>
+#include <vel/buffers/input_cdr.h>
+#include <vel/buffers/output_cdr.h>
+#include <vel/frame/error.h>
+#include <vel/frame/exception.h>
+#include <vel/memory/malloc.h>
+
+namespace {
+
+void require(bool holds) {
+    if (!holds) std::abort();
+}
+
+/// Takes the way through the primitive reads.
+class Derived : public VEL_InputCDR {
+public:
+    using VEL_InputCDR::VEL_InputCDR;
+};
+
+struct Found {
+    int size = -1;
+    uint32_t code = 0;
+    uint32_t id = 0;
+    uint8_t type = 0;
+    uint32_t length = 0;
+    const void* data = nullptr;
+
+    bool operator==(const Found&) const = default;
+};
+
+Found lookup(VEL_InputCDR& in) {
+    Found found;
+    try {
+        found.size = in.lookup(found.id, found.type, found.length, found.data);
+        if (found.size < 0) found = {.code = VELLib::GetErrorCode()};
+    } catch (const VEL_Exception& exception) {
+        found = {.code = exception.GetErrorCode()};
+    }
+    return found;
+}
+
+/// Writes what was found; a number, a text or a block has to come out as the bytes it came from.
+void write_again(const Found& found, const uint8_t* bytes, uint64_t size) {
+    if (found.type == 0 || found.type > 9) return;
+    std::vector<uint8_t> buffer(size);
+    VEL_InputCDR in(bytes, size);
+    VEL_OutputCDR out(buffer.data(), buffer.size());
+    auto copy = [&](auto value) {
+        in >> value;
+        require(out.set_value(found.id, value) == static_cast<int>(size));
+    };
+    switch (found.type) {
+    case 1: copy(uint8_t{}); break;
+    case 2: copy(uint16_t{}); break;
+    case 3: copy(uint32_t{}); break;
+    case 4: copy(uint64_t{}); break;
+    case 5: copy(float{}); break;
+    case 6: copy(double{}); break;
+    case 7: copy(std::string()); break;
+    case 8: copy(VEL_Bitfield()); break;
+    default: copy(VEL_Byte_Block()); break;
+    }
+    require(std::memcmp(buffer.data(), bytes, size) == 0);
+}
+
+/// Looks for the id under every type, from wherever the search before ended.
+void search(VEL_InputCDR& in, uint32_t id) {
+    auto find = [&](auto value) {
+        const int size = in.get_value(id, value);
+        require(size == -1 || size >= 9);
+    };
+    find(uint8_t{});
+    find(uint16_t{});
+    find(uint32_t{});
+    find(uint64_t{});
+    find(float{});
+    find(double{});
+    find(std::string());
+    find(std::wstring());
+    find(VEL_Byte_Block());
+    find(VEL_Bitfield());
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    VELLib::set_allocator(VEL_Std_Allocator::instance());
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    VEL_InputCDR plain(data, size);
+    Derived derived(data, size);
+    uint64_t at = 0;
+    int searches = 0;
+    for (;;) {
+        const Found found = lookup(plain);
+        require(found == lookup(derived));
+        require(plain.offset() == derived.offset());
+        if (found.size < 0) {
+            require(found.code == 0x20000004 || found.code == 0x2000000E || found.code == 0x2000000F);
+            break;
+        }
+        require(found.data == data + at + 9);
+        if (found.type != 0 && found.type <= 9) require(at + static_cast<uint64_t>(found.size) <= size);
+        write_again(found, data + at, static_cast<uint64_t>(found.size));
+        at += static_cast<uint64_t>(found.size);
+        // A search reads the whole stream, so few of them.
+        if (searches++ < 4) {
+            VEL_InputCDR other(data, size);
+            other.move(at < size ? at : 0);
+            search(other, found.id);
+        }
+    }
+    VEL_InputCDR in(data, size);
+    search(in, size > 3 ? data[3] : 0);
+    return 0;
+}
