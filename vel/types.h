@@ -53,16 +53,17 @@ namespace vel {
 /// A pending request of a completion port: the public record first, then what the port keeps until it completes.
 /// Only the port reads or writes the members below the base; they are no part of any format.
 struct IoRequest : OVERLAPPED {
-    IoRequest* next;         // neighbour in the handle's queue or the port's ready queue
-    void* buffer;            // what is to be filled or sent; memory of the starter
-    uint64_t length;         // bytes of `buffer`
-    void* address;           // 16-byte socket address to fill, or to send or connect to
-    int32_t* address_length; // where the length of a filled `address` goes
-    void* local_address;     // 16-byte local address to fill (accept)
-    uint64_t accept_socket;  // the socket an accept completes into
-    uint32_t key;            // completion key of the handle when the request was started
-    int32_t address_size;    // bytes of an `address` to send or connect to
-    uint8_t kind;            // what to do; the port's own enumeration
+    IoRequest* next;                   // neighbour in the handle's queue or the port's ready queue
+    void* buffer;                      // what is to be filled or sent; memory of the starter
+    uint64_t length;                   // bytes of `buffer`
+    void* address;                     // 16-byte socket address to fill, or to send or connect to
+    int32_t* address_length;           // where the length of a filled `address` goes
+    void* local_address;               // 16-byte local address to fill (accept)
+    uint64_t accept_socket;            // the socket an accept completes into
+    uint32_t accept_socket_generation; // tells it from a later one with the same handle
+    uint32_t key;                      // completion key of the handle when the request was started
+    int32_t address_size;              // bytes of an `address` to send or connect to
+    uint8_t kind;                      // what to do; the port's own enumeration
 };
 
 } // namespace vel

@@ -16,6 +16,11 @@ inline void futex_wait(std::atomic<uint32_t>& word, uint32_t expected, const tim
     ::syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, expected, timeout, nullptr, 0);
 }
 
+/// Only the address counts: waking a word whose owner is gone does no harm.
+inline void futex_wake_one(std::atomic<uint32_t>* word) {
+    ::syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
 inline void futex_wake_all(std::atomic<uint32_t>& word) {
     ::syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, INT32_MAX, nullptr, nullptr, 0);
 }

@@ -1,0 +1,258 @@
+// Leading, following and waking at a completion port.
+#include <vel/os/linux/port_queue.h>
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+#include <vel/os/error_codes.h>
+#include <vel/os/linux/futex.h>
+
+namespace vel::os {
+namespace {
+
+// More than this many requests a thread that is awake are worth waking another one.
+constexpr uint32_t backlog_per_thread = 4;
+
+// A busy port looks for new readiness after this many requests, or a handle that is always ready starves the others.
+constexpr uint32_t takes_per_poll = 128;
+
+// With fewer taken in a period the handlers are slow, blocked most likely, and one more thread helps.
+constexpr uint64_t slow_takes_per_period = 16;
+
+constexpr uint32_t quiet_periods_to_rest = 8;
+
+// The port for which this thread counts as running.
+thread_local struct {
+    uint64_t port = 0;
+    uint32_t epoch = 0;
+} running_for;
+
+uint64_t next_port_id() {
+    static std::atomic<uint64_t> last{0};
+    return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+uint32_t useful_threads(uint32_t concurrency) {
+    return std::clamp(std::thread::hardware_concurrency(), 1u, std::max(concurrency, 1u));
+}
+
+} // namespace
+
+PortQueue::PortQueue(PortEvents& events, uint32_t concurrency)
+    : events_(events),
+      watchdog_(*this),
+      id_(next_port_id()),
+      useful_(useful_threads(concurrency)) {}
+
+uint32_t PortQueue::push(IoRequest& request) {
+    Wake wake;
+    request.next = nullptr;
+    {
+        const Guard guard(lock_);
+        if (closed_) return error::port_closed;
+        (tail_ ? tail_->next : head_) = &request;
+        tail_ = &request;
+        ++ready_;
+        wake = wake_if_needed();
+    }
+    carry_out(wake);
+    return error::none;
+}
+
+uint32_t PortQueue::take(uint32_t timeout_ms, IoRequest*& request) {
+    const Deadline deadline(timeout_ms);
+    bool polled = false;
+    Guard guard(lock_);
+    come_back();
+    while (!closed_) {
+        const bool may_lead = !leader_ && events_enabled_;
+        if (ready_ > 0 && (!may_lead || taken_since_poll_ < takes_per_poll)) {
+            request = pop();
+            const Wake wake = go_out();
+            guard.unlock();
+            carry_out(wake);
+            return error::none;
+        }
+        if (ready_ == 0 && (polled || !may_lead) && deadline.expired()) {
+            const Wake wake = wake_if_needed();
+            guard.unlock();
+            carry_out(wake);
+            return error::wait_timeout;
+        }
+        if (may_lead) {
+            lead(guard, deadline);
+            polled = true;
+        } else {
+            follow(guard, deadline);
+        }
+    }
+    return error::port_closed;
+}
+
+void PortQueue::enable_events() {
+    Wake wake;
+    {
+        const Guard guard(lock_);
+        events_enabled_ = true;
+        wake = wake_if_needed();
+    }
+    carry_out(wake);
+}
+
+IoRequest* PortQueue::close() {
+    IoRequest* untaken = nullptr;
+    {
+        const Guard guard(lock_);
+        closed_ = true;
+        untaken = std::exchange(head_, nullptr);
+        tail_ = nullptr;
+        ready_ = 0;
+        while (followers_) {
+            Follower& follower = *followers_;
+            unlink(follower);
+            follower.woken.store(1, std::memory_order_release);
+            futex_wake_one(&follower.woken); // the lock keeps it from leaving; this is the one call made under it
+        }
+    }
+    events_.interrupt();
+    watchdog_.stop();
+    return untaken;
+}
+
+// Threads that will look at the queue before they sleep.
+uint32_t PortQueue::awake() const { return running_ + waking_ + (leader_ && !leader_sleeps() ? 1 : 0); }
+
+void PortQueue::come_back() {
+    if (running_for.port == id_ && running_for.epoch == epoch_) --running_;
+    running_for.port = 0;
+}
+
+PortQueue::Wake PortQueue::go_out() {
+    running_for.port = id_;
+    running_for.epoch = epoch_;
+    ++running_;
+    ++taken_;
+    ++taken_since_poll_;
+    return wake_if_needed();
+}
+
+IoRequest* PortQueue::pop() {
+    IoRequest* first = head_;
+    head_ = first->next;
+    if (!head_) tail_ = nullptr;
+    --ready_;
+    return first;
+}
+
+void PortQueue::lead(Guard& guard, const Deadline& deadline) {
+    constexpr timespec at_once{0, 0};
+    timespec storage;
+    const timespec* timeout = ready_ > 0 ? &at_once : deadline.remaining(storage);
+    leader_ = true;
+    taken_since_poll_ = 0;
+    leader_sleeping_.store(timeout != &at_once, std::memory_order_relaxed);
+    guard.unlock();
+    events_.poll(timeout, leader_sleeping_);
+    guard.lock();
+    leader_ = false;
+    interrupted_ = false;
+    leader_sleeping_.store(false, std::memory_order_relaxed);
+}
+
+void PortQueue::follow(Guard& guard, const Deadline& deadline) {
+    Follower self;
+    self.next = followers_;
+    if (followers_) followers_->previous = &self;
+    followers_ = &self;
+    guard.unlock();
+    timespec storage;
+    while (!self.woken.load(std::memory_order_acquire) && !deadline.expired())
+        futex_wait(self.woken, 0, deadline.remaining(storage));
+    guard.lock();
+    if (!self.woken.load(std::memory_order_relaxed))
+        unlink(self);
+    else if (!closed_)
+        --waking_;
+}
+
+void PortQueue::unlink(Follower& follower) {
+    (follower.previous ? follower.previous->next : followers_) = follower.next;
+    if (follower.next) follower.next->previous = follower.previous;
+}
+
+// Called after every change that may leave work with nobody to do it.
+PortQueue::Wake PortQueue::wake_if_needed() {
+    Wake wake;
+    if (!work_waits() || !somebody_sleeps()) return wake;
+    const uint32_t busy = unwatched_ ? 0 : awake();
+    if (busy == 0) return wake_one();
+    const bool wake_under_way = waking_ > 0 || interrupted_;
+    if (!wake_under_way && busy < useful_ && ready_ > busy * backlog_per_thread) return wake_one();
+    wake.watchdog = !std::exchange(watching_, true);
+    return wake;
+}
+
+PortQueue::Wake PortQueue::wake_one() {
+    Wake wake;
+    if (followers_) {
+        Follower& follower = *followers_;
+        unlink(follower);
+        ++waking_;
+        wake.follower = &follower.woken;
+        follower.woken.store(1, std::memory_order_release);
+    } else if (leader_sleeps()) {
+        interrupted_ = true;
+        wake.leader = true;
+    }
+    return wake;
+}
+
+void PortQueue::carry_out(const Wake& wake) {
+    if (wake.follower) futex_wake_one(wake.follower);
+    if (wake.leader) events_.interrupt();
+    if (!wake.watchdog || watchdog_.watch()) return;
+    Wake instead;
+    {
+        const Guard guard(lock_);
+        unwatched_ = true;
+        instead = wake_if_needed();
+    }
+    carry_out(instead);
+}
+
+// One look of the watchdog. False when it may rest until it is called.
+bool PortQueue::tick() {
+    uint32_t count;
+    bool go_on;
+    {
+        const Guard guard(lock_);
+        count = rescue_count();
+        quiet_ticks_ = waited_last_tick_ ? 0 : quiet_ticks_ + 1;
+        watching_ = quiet_ticks_ < quiet_periods_to_rest;
+        go_on = watching_;
+    }
+    for (; count > 0; --count) {
+        Wake wake;
+        {
+            const Guard guard(lock_);
+            if (work_waits()) wake = wake_one();
+        }
+        if (!wake.follower && !wake.leader) break;
+        carry_out(wake);
+    }
+    return go_on;
+}
+
+// How many sleepers to wake: those awake had a whole period and left work lying.
+uint32_t PortQueue::rescue_count() {
+    const bool waits = !closed_ && work_waits() && somebody_sleeps();
+    const uint64_t moved = taken_ - std::exchange(taken_last_tick_, taken_);
+    const bool waited_before = std::exchange(waited_last_tick_, waits);
+    if (!waits || !waited_before || moved >= slow_takes_per_period) return 0;
+    if (moved > 0) return 1;
+    ++epoch_; // whoever is running is blocked, or will never come back
+    running_ = 0;
+    return std::max(ready_, 1u);
+}
+
+} // namespace vel::os

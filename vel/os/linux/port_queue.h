@@ -1,0 +1,105 @@
+// The ready queue of a completion port and the threads that wait at it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <vel/os/linux/deadline.h>
+#include <vel/os/linux/port_events.h>
+#include <vel/os/linux/port_watchdog.h>
+#include <vel/os/linux/short_lock.h>
+#include <vel/types.h>
+
+namespace vel::os {
+
+/// Finished requests in the order in which they finished, and the workers that take them.
+///
+/// A worker that comes for a request takes the first ready one. When there is none it leads (waits for readiness and
+/// performs the transfers itself) unless another one does, and follows (sleeps) otherwise.
+///
+/// Invariants, all under the lock:
+///  - a thread is running from the request it took until it comes for the next one; `running_` counts those the
+///    watchdog has not given up on;
+///  - at most one thread leads; while it sleeps there, `leader_sleeping_` is set;
+///  - a sleeper is woken when nobody is awake to take what is ready, or when there is more than those who are awake
+///    will take soon and a processor for one more; at most one such wake is under way;
+///  - in every other case in which somebody sleeps while there is something to do, the watchdog is watching.
+/// The lock is never held during a system call, but when the port closes.
+class PortQueue {
+public:
+    PortQueue(PortEvents& events, uint32_t concurrency);
+
+    /// Queues a finished request: 0 or 735.
+    uint32_t push(IoRequest& request);
+
+    /// Takes the first finished request: 0, 258 or 735.
+    uint32_t take(uint32_t timeout_ms, IoRequest*& request);
+
+    /// From now on there is readiness to wait for.
+    void enable_events();
+
+    /// Frees every waiter for good. Returns the chain of requests that nobody took.
+    IoRequest* close();
+
+private:
+    friend class PortWatchdog;
+
+    struct Follower {
+        std::atomic<uint32_t> woken{0};
+        Follower* next = nullptr;
+        Follower* previous = nullptr;
+    };
+
+    /// What is left to do for a sleeper once the lock is free.
+    struct Wake {
+        std::atomic<uint32_t>* follower = nullptr;
+        bool leader = false;
+        bool watchdog = false;
+    };
+    using Guard = std::unique_lock<ShortLock>;
+
+    bool work_waits() const { return ready_ > 0 || (!leader_ && events_enabled_); }
+    bool somebody_sleeps() const { return followers_ || leader_sleeps(); }
+    bool leader_sleeps() const { return leader_sleeping_.load(std::memory_order_relaxed) && !interrupted_; }
+    uint32_t awake() const;
+
+    void come_back();
+    Wake go_out();
+    IoRequest* pop();
+    void lead(Guard& guard, const Deadline& deadline);
+    void follow(Guard& guard, const Deadline& deadline);
+    void unlink(Follower& follower);
+    Wake wake_if_needed();
+    Wake wake_one();
+    void carry_out(const Wake& wake);
+    bool tick();
+    uint32_t rescue_count();
+
+    PortEvents& events_;
+    PortWatchdog watchdog_;
+    const uint64_t id_;     // tells ports apart in the threads' own notes
+    const uint32_t useful_; // threads that the processors and the port's owner have use for
+    std::atomic<bool> leader_sleeping_{false};
+
+    ShortLock lock_;
+    IoRequest* head_ = nullptr;
+    IoRequest* tail_ = nullptr;
+    uint32_t ready_ = 0;
+    Follower* followers_ = nullptr; // last to sleep first
+    uint32_t running_ = 0;
+    uint32_t epoch_ = 0; // counts how often the watchdog gave up on those running
+    uint32_t waking_ = 0;
+    uint32_t taken_since_poll_ = 0;
+    bool leader_ = false;
+    bool interrupted_ = false;
+    bool events_enabled_ = false;
+    bool closed_ = false;
+    bool watching_ = false;
+    bool unwatched_ = false; // no watchdog to be had: wake at once
+    bool waited_last_tick_ = false;
+    uint32_t quiet_ticks_ = 0;
+    uint64_t taken_ = 0;
+    uint64_t taken_last_tick_ = 0;
+};
+
+} // namespace vel::os
