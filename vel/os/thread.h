@@ -29,7 +29,8 @@ uint32_t thread_exit_code(void* handle, uint32_t& exit_code);
 /// System-wide id of the calling thread.
 uint32_t current_thread_id();
 
-/// Lets a thread that was never resumed end at its gate with this exit code. No effect on one that has passed it.
+/// Lets a thread that was never resumed end at its gate with this exit code. No effect on one that was resumed,
+/// also where it has not come to run yet.
 uint32_t abandon_gate(void* handle, uint32_t exit_code);
 
 uint32_t processor_count();

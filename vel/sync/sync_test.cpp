@@ -98,7 +98,7 @@ TEST(Tls, CopiesNameTheSameValuesAndTheLastOneFreesTheSlot) {
     EXPECT_EQ(second.tls_get(), 5) << "the slot is still there";
     third.tls_set(6);
     EXPECT_EQ(second.tls_get(), 6);
-    second = second;
+    second = *&second; // assigning to itself changes nothing
     EXPECT_EQ(third.tls_get(), 6);
     third.cleanup();
     EXPECT_EQ(second.tls_get(), 0);

@@ -1,4 +1,4 @@
-// The answer of a lock to an operation that it does not offer.
+// The answer of a lock to an operation that it does not offer (internal).
 #pragma once
 
 namespace vel {

@@ -291,7 +291,7 @@ void ThreadObject::give_up_gate(uint32_t exit_code) {
     gate_code_.store(exit_code, std::memory_order_relaxed);
     uint32_t word = control_.load(std::memory_order_seq_cst);
     do {
-        if (word & (passed_gate | killed)) return;
+        if ((word & (passed_gate | killed)) || (word & count_mask) == 0) return;
     } while (!control_.compare_exchange_weak(word, word | given_up, std::memory_order_seq_cst));
     futex_wake_all(control_);
 }

@@ -1,0 +1,108 @@
+// Tests of start and stop, against the library as its users link it.
+#include <vel/vel.h>
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <thread>
+#include <vel/os/linux/testing/process_counts.h>
+
+namespace {
+
+using vel::testing::ProcessCounts;
+
+int poll_cancel(void*) {
+    while (!VEL_Thread_Manager::testcancel(VEL_thread_t())) std::this_thread::yield();
+    return 0;
+}
+
+/// One user's life: starts, lets a thread run, and leaves its end to the stop.
+void use_library() {
+    ASSERT_EQ(VELLib::initialize(), 0);
+    VEL_thread_t thread;
+    ASSERT_EQ(VEL_Thread_Manager::instance()->spawn(poll_cancel, nullptr, thread, 1, 0, 0, nullptr), 0);
+    VELLib::free(VELLib::malloc(100, true));
+    VELLib::uninitialize();
+}
+
+TEST(Library, StartsAreCounted) {
+    EXPECT_FALSE(VELLib::isInitiate());
+    VELLib::uninitialize(); // one too many
+    EXPECT_EQ(VELLib::initialize(), 0);
+    EXPECT_EQ(VELLib::initialize(), 0);
+    VELLib::uninitialize();
+    EXPECT_TRUE(VELLib::isInitiate());
+    VELLib::uninitialize();
+    EXPECT_FALSE(VELLib::isInitiate());
+    VELLib::uninitialize();
+    EXPECT_FALSE(VELLib::isInitiate());
+}
+
+TEST(Library, AFreshStartFindsFreshInstances) {
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(VELLib::initialize(), 0);
+        VEL_thread_t thread;
+        EXPECT_EQ(VEL_Thread_Manager::instance()->thr_count(), 0u);
+        EXPECT_EQ(VEL_Thread_Manager::instance()->spawn(poll_cancel, nullptr, thread, 1, 0, 0, nullptr), 0);
+        EXPECT_EQ(VEL_Thread_Manager::instance()->thr_count(), 1u);
+        VELLib::uninitialize();
+    }
+}
+
+/// Counts the blocks that go through it.
+class CountingAllocator : public VEL_Allocator {
+public:
+    void* malloc(uint64_t size, bool zero) override {
+        ++blocks;
+        return VEL_Std_Allocator::instance()->malloc(size, zero);
+    }
+    void* realloc(void* block, uint64_t size) override { return VEL_Std_Allocator::instance()->realloc(block, size); }
+    void free(void* block) override { VEL_Std_Allocator::instance()->free(block); }
+    int blocks = 0;
+};
+
+TEST(Library, KeepsAnAllocatorThatWasInstalledBefore) {
+    CountingAllocator allocator;
+    VELLib::set_allocator(&allocator);
+    ASSERT_EQ(VELLib::initialize(), 0);
+    VELLib::free(VELLib::malloc(1, false));
+    EXPECT_EQ(allocator.blocks, 1);
+    VELLib::uninitialize();
+    VELLib::set_allocator(nullptr);
+}
+
+TEST(Library, AThousandLivesLeaveNothingBehind) {
+    ProcessCounts before{};
+    for (int round = 0; round < 20; ++round) { // until the runtime's own caches are full
+        use_library();
+        before = ProcessCounts::now();
+    }
+    for (int round = 0; round < 1000; ++round) use_library();
+    EXPECT_EQ(ProcessCounts::now(), before);
+}
+
+TEST(Library, UsersThatComeAndGoTogetherNeverMeetAHalfStoppedLibrary) {
+    std::thread users[3];
+    for (std::thread& user : users)
+        user = std::thread([] {
+            for (int round = 0; round < 200; ++round) use_library();
+        });
+    for (std::thread& user : users) user.join();
+    EXPECT_FALSE(VELLib::isInitiate());
+}
+
+TEST(Library, AThreadOfTheStoppingLibraryIsRefusedAFreshStart) {
+    static std::atomic<int> refused;
+    refused = 0;
+    ASSERT_EQ(VELLib::initialize(), 0);
+    VEL_thread_t thread;
+    const auto restart_at_the_end = [](void*) {
+        while (VELLib::isInitiate()) std::this_thread::yield();
+        if (VELLib::initialize() == -1 && VELLib::GetErrorCode() == 0x20000007) ++refused;
+        return 0;
+    };
+    EXPECT_EQ(VEL_Thread_Manager::instance()->spawn(restart_at_the_end, nullptr, thread, 1, 0, 0, nullptr), 0);
+    VELLib::uninitialize();
+    EXPECT_EQ(refused, 1);
+}
+
+} // namespace
