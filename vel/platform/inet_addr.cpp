@@ -8,6 +8,7 @@
 #include <vel/os/error_codes.h>
 #include <vel/os/socket.h>
 #include <vel/platform/dotted_quad.h>
+#include <vel/platform/report.h>
 
 namespace {
 
@@ -23,11 +24,6 @@ uint16_t swap_order(uint16_t value) {
 uint32_t swap_order(uint32_t value) {
     if constexpr (std::endian::native == std::endian::big) return value;
     return value << 24 | (value & 0xFF00) << 8 | (value >> 8 & 0xFF00) | value >> 24;
-}
-
-int fail(uint32_t code) {
-    VELLib::SetErrorCode(code);
-    return -1;
 }
 
 void throw_on(int result) {
@@ -64,19 +60,19 @@ int VEL_INET_Addr::set(uint16_t port, const char* host) {
     uint32_t address = 0;
     if (isiptext(host)) {
         // Refused rather than read as the broadcast address, which the socket layer's parser would answer.
-        if (!vel::read_dotted_quad(host, address)) return fail(vel::error::address_not_available);
+        if (!vel::read_dotted_quad(host, address)) return vel::report(vel::error::address_not_available);
         return set(port, address);
     }
     uint32_t count = 1;
-    if (const uint32_t code = vel::os::resolve_host(host, &address, count)) return fail(code);
+    if (const uint32_t code = vel::os::resolve_host(host, &address, count)) return vel::report(code);
     return set(port, address);
 }
 
 int VEL_INET_Addr::set(const sockaddr* address, int length) {
-    if (!address || length < record_length) return fail(vel::error::address_not_available);
+    if (!address || length < record_length) return vel::report(vel::error::address_not_available);
     Record record;
     std::memcpy(&record, address, sizeof record);
-    if (record.family != ipv4) return fail(vel::error::address_not_available);
+    if (record.family != ipv4) return vel::report(vel::error::address_not_available);
     record_ = record;
     return 0;
 }
