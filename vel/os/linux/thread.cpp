@@ -305,7 +305,7 @@ uint32_t ThreadObject::kill(uint32_t exit_code) {
         futex_wake_all(control_);
         ::pthread_kill(thread_, control_signal);
     }
-    if (!reap_killed()) return error::none;
+    if (!reap_killed()) return error::wait_timeout;
     abandon_mutexes_of(id_.load(std::memory_order_relaxed));
     adopt_orphans();
     HandleTable::unpin(this); // the thread's own
