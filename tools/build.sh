@@ -59,14 +59,16 @@ sanitize() {
     fi
 }
 
-# run_benchmarks [FILTER]
+# run_benchmarks [FILTER]: tables on the terminal, figures in build-bench/figures/. A filter that no program's name
+# matches runs none of them; "echo" stands for the comparison of the echo servers.
 run_benchmarks() {
-    local program
+    local program programs=()
+    mkdir -p build-bench/figures
     for program in build-bench/bench/*_bench; do
-        [[ $(basename "$program") == *"$1"* ]] || continue
-        echo "== $(basename "$program")"
-        "$program" --benchmark_min_time=0.5
+        [[ $(basename "$program") != *"$1"* ]] || programs+=("$program")
     done
+    [ ${#programs[@]} -eq 0 ] || bench/micro.py --json build-bench/figures/micro.json "${programs[@]}"
+    [[ echo != *"$1"* ]] || bench/echo.py build-bench/bench/echo --json build-bench/figures/echo.json
 }
 
 # run_fuzzers TARGET SECONDS: finds land in build-fuzz/found/, new inputs in build-fuzz/corpus/.

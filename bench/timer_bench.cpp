@@ -1,0 +1,227 @@
+// Timers of the proactor against Asio, libuv and libevent: schedule and cancel, schedule and fire, among live timers.
+//
+// The live timers are due in one to two hours. VEL's queue is ordered by contract, locked and counted; the peers' are
+// used from their loop's thread alone.
+#include <asio.hpp>
+#include <atomic>
+#include <benchmark/benchmark.h>
+#include <event2/event.h>
+#include <future>
+#include <memory>
+#include <random>
+#include <string>
+#include <uv.h>
+#include <vector>
+#include <vel/vel.h>
+
+namespace {
+
+constexpr int fired_per_round = 1000;
+
+class Far {
+public:
+    uint32_t next_ms() { return std::uniform_int_distribution<uint32_t>(3'600'000, 7'200'000)(random_); }
+
+private:
+    std::mt19937 random_{42};
+};
+
+class VelTimers {
+public:
+    explicit VelTimers(int64_t live) : handler_(new Handler) {
+        if (VELLib::initialize() != 0 || proactor_.open(1) != 0) std::abort();
+        for (int64_t i = 0; i < live; ++i) proactor_.schedule_timer(handler_, far_.next_ms());
+    }
+    ~VelTimers() {
+        proactor_.close();
+        handler_->release();
+    }
+
+    void schedule_and_cancel() { proactor_.cancel_timer(proactor_.schedule_timer(handler_, far_.next_ms()), true); }
+
+    void schedule_and_fire() {
+        std::promise<void> done;
+        handler_->left = fired_per_round;
+        handler_->done = &done;
+        for (int i = 0; i < fired_per_round; ++i) proactor_.schedule_timer(handler_, 0);
+        done.get_future().wait();
+    }
+
+private:
+    struct Handler : VEL_Async_Handler_Impl<VEL_Reference_Counter_Global_Sync> {
+        std::atomic<int> left{0};
+        std::promise<void>* done = nullptr;
+        int handle_timeout(int32_t, uint32_t&, VEL_Proactor*) override {
+            if (left.fetch_sub(1) == 1) done->set_value();
+            return -1;
+        }
+    };
+
+    VEL_Proactor proactor_;
+    Handler* handler_;
+    Far far_;
+};
+
+class AsioTimers {
+public:
+    explicit AsioTimers(int64_t live) {
+        for (int64_t i = 0; i < live; ++i) {
+            live_.push_back(std::make_unique<asio::steady_timer>(context_, std::chrono::milliseconds(far_.next_ms())));
+            live_.back()->async_wait([](asio::error_code) {});
+        }
+    }
+
+    void schedule_and_cancel() {
+        timer_.expires_after(std::chrono::milliseconds(far_.next_ms()));
+        timer_.async_wait([](asio::error_code) {});
+        timer_.cancel();
+        context_.poll(); // delivers the cancelled wait, which frees it
+    }
+
+    void schedule_and_fire() {
+        int fired = 0;
+        std::vector<asio::steady_timer> timers;
+        timers.reserve(fired_per_round);
+        for (int i = 0; i < fired_per_round; ++i) {
+            timers.emplace_back(context_, std::chrono::milliseconds(0));
+            timers.back().async_wait([&](asio::error_code) { ++fired; });
+        }
+        while (fired < fired_per_round) context_.run_one();
+    }
+
+private:
+    asio::io_context context_{1};
+    asio::steady_timer timer_{context_};
+    std::vector<std::unique_ptr<asio::steady_timer>> live_;
+    Far far_;
+};
+
+class UvTimers {
+public:
+    explicit UvTimers(int64_t live) : live_(static_cast<size_t>(live)), firing_(fired_per_round) {
+        uv_loop_init(&loop_);
+        uv_timer_init(&loop_, &timer_);
+        for (auto& timer : firing_) uv_timer_init(&loop_, &timer);
+        for (auto& timer : live_) {
+            uv_timer_init(&loop_, &timer);
+            uv_timer_start(
+                &timer, [](uv_timer_t*) {}, far_.next_ms(), 0);
+        }
+    }
+    ~UvTimers() {
+        uv_walk(
+            &loop_, [](uv_handle_t* handle, void*) { uv_close(handle, nullptr); }, nullptr);
+        uv_run(&loop_, UV_RUN_DEFAULT);
+        uv_loop_close(&loop_);
+    }
+
+    void schedule_and_cancel() {
+        uv_timer_start(
+            &timer_, [](uv_timer_t*) {}, far_.next_ms(), 0);
+        uv_timer_stop(&timer_);
+    }
+
+    void schedule_and_fire() {
+        int fired = 0;
+        for (auto& timer : firing_) {
+            timer.data = &fired;
+            uv_timer_start(
+                &timer, [](uv_timer_t* due) { ++*static_cast<int*>(due->data); }, 0, 0);
+        }
+        while (fired < fired_per_round) uv_run(&loop_, UV_RUN_ONCE);
+    }
+
+private:
+    uv_loop_t loop_;
+    uv_timer_t timer_;
+    std::vector<uv_timer_t> live_;
+    std::vector<uv_timer_t> firing_;
+    Far far_;
+};
+
+class EventTimers {
+public:
+    explicit EventTimers(int64_t live) : base_(event_base_new()), timer_(make()) {
+        for (int64_t i = 0; i < live; ++i) {
+            live_.push_back(make());
+            start(live_.back(), far_.next_ms());
+        }
+        for (int i = 0; i < fired_per_round; ++i) firing_.push_back(make());
+    }
+    ~EventTimers() {
+        for (auto* timer : live_) event_free(timer);
+        for (auto* timer : firing_) event_free(timer);
+        event_free(timer_);
+        event_base_free(base_);
+    }
+
+    void schedule_and_cancel() {
+        start(timer_, far_.next_ms());
+        evtimer_del(timer_);
+    }
+
+    void schedule_and_fire() {
+        fired_ = 0;
+        for (auto* timer : firing_) start(timer, 0);
+        while (fired_ < fired_per_round) event_base_loop(base_, EVLOOP_ONCE);
+    }
+
+private:
+    event* make() {
+        return evtimer_new(
+            base_, [](evutil_socket_t, short, void* self) { ++static_cast<EventTimers*>(self)->fired_; }, this);
+    }
+    static void start(event* timer, uint32_t ms) {
+        const timeval after{ms / 1000, static_cast<suseconds_t>(ms % 1000) * 1000};
+        evtimer_add(timer, &after);
+    }
+
+    event_base* base_;
+    event* timer_;
+    std::vector<event*> live_;
+    std::vector<event*> firing_;
+    int fired_ = 0;
+    Far far_;
+};
+
+template <class Timers>
+void schedule_cancel(benchmark::State& state) {
+    Timers timers(state.range(0) - 1);
+    for (auto round : state) {
+        (void)round;
+        timers.schedule_and_cancel();
+    }
+}
+
+template <class Timers>
+void schedule_fire(benchmark::State& state) {
+    Timers timers(state.range(0) - 1);
+    for (auto round : state) {
+        (void)round;
+        timers.schedule_and_fire();
+    }
+    state.SetItemsProcessed(state.iterations() * fired_per_round);
+}
+
+template <class Timers>
+void add(const std::string& name) {
+    for (const int64_t live : {1, 1000, 100'000}) {
+        benchmark::RegisterBenchmark(("schedule_cancel/" + name).c_str(), schedule_cancel<Timers>)
+            ->Arg(live)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark(("schedule_fire/" + name).c_str(), schedule_fire<Timers>)
+            ->Arg(live)
+            ->UseRealTime()
+            ->Unit(benchmark::kMicrosecond);
+    }
+}
+
+const bool added = [] {
+    add<VelTimers>("vel");
+    add<AsioTimers>("asio");
+    add<UvTimers>("libuv");
+    add<EventTimers>("libevent");
+    return true;
+}();
+
+} // namespace
