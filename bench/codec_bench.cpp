@@ -483,16 +483,16 @@ void decode_cereal(benchmark::State& state) {
     }
 }
 
-BENCHMARK(encode_hand);
-BENCHMARK(encode_vel_buffer);
-BENCHMARK(encode_vel_block);
-BENCHMARK(encode_protobuf);
-BENCHMARK(encode_msgpack);
-BENCHMARK(encode_cereal);
-BENCHMARK(decode_hand);
-BENCHMARK(decode_vel);
-BENCHMARK(decode_protobuf);
-BENCHMARK(decode_msgpack);
-BENCHMARK(decode_cereal);
+BENCHMARK(encode_hand)->Name("encode/hand_written");
+BENCHMARK(encode_vel_buffer)->Name("encode/vel");
+BENCHMARK(encode_vel_block)->Name("encode/vel_new_block");
+BENCHMARK(encode_protobuf)->Name("encode/protobuf");
+BENCHMARK(encode_msgpack)->Name("encode/msgpack");
+BENCHMARK(encode_cereal)->Name("encode/cereal");
+BENCHMARK(decode_hand)->Name("decode/hand_written");
+BENCHMARK(decode_vel)->Name("decode/vel");
+BENCHMARK(decode_protobuf)->Name("decode/protobuf");
+BENCHMARK(decode_msgpack)->Name("decode/msgpack");
+BENCHMARK(decode_cereal)->Name("decode/cereal");
 
 } // namespace
