@@ -46,6 +46,7 @@
 #include <vel/proactor/async_socket.h>
 #include <vel/proactor/async_stream_io.h>
 #include <vel/proactor/proactor.h>
+#include <vel/proactor/timer_alarm.h>
 #include <vel/reactor/event_handler.h>
 #include <vel/reactor/socket.h>
 #include <vel/reactor/timer_queue.h>

@@ -15,7 +15,7 @@ public:
         : VEL_Async_Accept_Operation(proactor, completion_key, handle, handler) {}
     ~VEL_Async_SOCK_Accept() override;
 
-    int accept(void* accept_socket) override;
+    int accept(void* prepared) override;
     void* accept_handle(VEL_INET_Addr& remote) override;
     int completion(uint32_t error) override;
 

@@ -116,9 +116,9 @@ protected:
 /// A request that waits for a connection on a listening socket.
 class VEL_API VEL_Async_Accept_Operation : public VEL_Async_Operation {
 public:
-    /// Starts to accept into `accept_socket`, or into a socket of the operation's own for VEL_INVALID_HANDLE. A socket
+    /// Starts to accept into `prepared`, or into a socket of the operation's own for VEL_INVALID_HANDLE. A socket
     /// left from an earlier accept is closed first.
-    virtual int accept(void* accept_socket) = 0;
+    virtual int accept(void* prepared) = 0;
 
     /// Hands the accepted socket over, with its peer's address; VEL_INVALID_HANDLE when there is none (any more).
     virtual void* accept_handle(VEL_INET_Addr& remote) = 0;

@@ -93,8 +93,6 @@ private:
     friend class VEL_Acceptor;
     friend class VEL_Async_Acceptor;
 
-    int start_connect(VEL_Proactor* proactor, const VEL_INET_Addr& remote);
-
     /// Takes an accepted socket over. The object is one that nobody else uses yet.
     int attach(VEL_Proactor* proactor, uint64_t socket, const VEL_INET_Addr& remote);
 

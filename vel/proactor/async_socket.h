@@ -26,18 +26,21 @@ public:
     uint64_t socket() const { return socket_; }
     void* handle() const { return reinterpret_cast<void*>(socket()); }
     VEL_Proactor* proactor() const { return proactor_; }
-    VEL_Thread_Mutex& lock() { return lock_; }
-    const VEL_INET_Addr& remote() const { return remote_; } // under the lock
 
     /// 0, or -1 with 10038 (no socket) or 0x20000004 (no proactor).
     int check_open() const;
 
-    /// Takes an open socket over and registers it under a new key of the proactor; on failure the socket is closed.
-    /// Errors: 10056 when a socket is held already, and those of VEL_Proactor::register_handle.
-    int open(VEL_Proactor* proactor, uint64_t socket, VEL_Async_Handler* owner, const VEL_INET_Addr& remote);
+    /// Takes an open socket over and registers it under a new key; on failure the socket is closed.
+    /// @param key  receives the completion key
+    /// Errors: 0x20000004 (no proactor), 10056 when a socket is held already, those of VEL_Proactor::register_handle.
+    int open(VEL_Proactor* proactor, uint64_t socket, VEL_Async_Handler* owner, const VEL_INET_Addr& remote,
+             uint32_t& key);
 
     /// Undoes `open`: ends the registration without `handle_close` and closes the socket. Keeps the thread's code.
     void abandon(VEL_Proactor* proactor, uint32_t key, uint64_t socket);
+
+    /// The peer's address, under the lock.
+    VEL_INET_Addr remote_addr();
 
     int set_timeout(VEL_Async_Handler* owner, uint32_t timeout_ms);
     void cancel_timeout();
@@ -48,8 +51,16 @@ public:
     int close_handle();
 
     /// Ends the registration, then the timer, then the socket.
-    /// @param keep_timer_quiet  end the timer without `handle_close`
-    void close(bool no_close, bool keep_timer_quiet);
+    /// @param no_close        do not call `handle_close` for the registration
+    /// @param no_timer_close  do not call it for the timer
+    void close(bool no_close, bool no_timer_close);
+
+    /// Runs `start()` under the lock if the socket is open; for operations that are started again.
+    template <class Start>
+    int restart(Start start) {
+        VEL_Guard guard(lock_);
+        return check_open() < 0 ? -1 : start();
+    }
 
     /// Makes an operation on the socket and starts it with `start(operation)`, under the lock; deletes it on failure.
     template <class Operation, class Start>
@@ -66,6 +77,7 @@ public:
 private:
     static int out_of_memory();
     bool is(uint32_t key, uint64_t socket) const { return key_ == key && socket_ == socket; }
+    void close_socket();
     void clear();
 
     std::atomic<uint64_t> socket_{VEL_INVALID_SOCKET};

@@ -2,15 +2,19 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <vel/memory/hash_map.h>
 #include <vel/proactor/async_handler.h>
+#include <vel/proactor/timer_alarm.h>
 #include <vel/reactor/timer_queue.h>
 #include <vel/sync/mutex.h>
+#include <vel/sync/thread_safety.h>
 #include <vel/threads/thread_manager.h>
 #include <vel/types.h>
 
 class VEL_Async_Operation;
 class VEL_Byte_Block;
+class VEL_Guard;
 class VEL_INET_Addr;
 class VEL_Message_Block;
 
@@ -118,23 +122,40 @@ private:
 
     static int thr_iocp_competion(void* proactor);
     static int thr_iocp_timer(void* proactor);
-
     static uint32_t calc_thr_count();
+
+    bool is_own_thread();
+    void start(uint32_t thread_count) VEL_REQUIRES(lock_);
+    void stop_threads(VEL_Guard& guard) VEL_REQUIRES(lock_);
+    void end_registrations(VEL_Guard& guard) VEL_REQUIRES(lock_);
+    void end_timers(VEL_Guard& guard) VEL_REQUIRES(lock_);
+    void drain();
+    void destroy_parts() VEL_REQUIRES(lock_);
+
+    VEL_Handle_Set* find(uint32_t key) VEL_REQUIRES(lock_);
+    template <class Operation, class Prepare>
+    int start_send(uint32_t key, const VEL_Byte_Block& data, size_t length, Prepare prepare);
+
+    static void discard(VEL_Async_Operation* op);
+    int stop_handling(VEL_Async_Operation* op);
+    int dispatch_io(VEL_Async_Operation* op, uint64_t bytes, uint32_t error);
+
+    int32_t add_timer(VEL_Async_Handler* handler, uint32_t interval_ms) VEL_REQUIRES(lock_);
+    int set_timer(VEL_Async_Handler* handler, uint32_t interval_ms, std::atomic<int32_t>& timer_id);
     uint32_t calc_timeout();
-    int dispatch_io(VEL_Async_Operation* op, uint32_t bytes, uint32_t error);
     int dispatch_timer();
-    int acquire_timer();
-    int release_timer();
-    void reset_timer_event();
+    int run_timers(uint32_t timeout_ms, bool& owner);
+    bool acquire_timer();
+    void release_timer();
 
     std::atomic<void*> port_{nullptr}; // null while not open
-    void* timer_event_ = nullptr;      // manual-reset; wakes the timer thread
+    vel::TimerAlarm timer_alarm_;      // wakes who waits for timers
     VEL_Thread_Mutex lock_;            // guards the table, the timer queue, and changes of the flags
     VEL_Thread_Manager threads_;
-    TimerQueue* timer_queue_ = nullptr;   // null while not open
-    HandleTable* handle_table_ = nullptr; // null while not open
+    std::unique_ptr<TimerQueue> timer_queue_ VEL_GUARDED_BY(lock_);   // null while not open
+    std::unique_ptr<HandleTable> handle_table_ VEL_GUARDED_BY(lock_); // null while not open
     std::atomic<size_t> worker_count_{0};
-    std::atomic<bool> closing_{false}; // set by close() for good, by a failing open() while it stops its timer thread
-    uint32_t last_key_ = 0;
-    VEL_Thread_Mutex key_lock_; // guards last_key_
+    std::atomic<bool> closing_{false}; // set by close() for good, by a failing open() while it stops its threads
+    VEL_Thread_Mutex key_lock_;
+    uint32_t last_key_ VEL_GUARDED_BY(key_lock_) = 0;
 };

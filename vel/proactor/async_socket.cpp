@@ -1,0 +1,134 @@
+// The state that the asynchronous stream, acceptor and datagram socket have in common.
+#include <vel/proactor/async_socket.h>
+
+#include <vel/platform/sockets.h>
+#include <vel/proactor/fail.h>
+#include <vel/proactor/proactor.h>
+
+namespace vel {
+
+int AsyncSocket::check_open() const {
+    if (socket_ == VEL_INVALID_SOCKET) return fail(error::not_a_socket);
+    if (proactor_ == nullptr) return fail(error::null_member);
+    return 0;
+}
+
+int AsyncSocket::out_of_memory() { return fail(error::not_enough_memory); }
+
+int AsyncSocket::open(VEL_Proactor* proactor, uint64_t socket, VEL_Async_Handler* owner, const VEL_INET_Addr& remote,
+                      uint32_t& key) {
+    VEL_Guard guard(lock_);
+    if (proactor == nullptr || socket_ != VEL_INVALID_SOCKET) {
+        VELLib::closesocket(socket);
+        return fail(proactor == nullptr ? error::null_member : error::already_connected);
+    }
+    key = proactor->generate_completion_key();
+    socket_ = socket;
+    key_ = key;
+    remote_ = remote;
+    proactor_ = proactor;
+    guard.unlock();
+    if (proactor->register_handle(key, reinterpret_cast<void*>(socket), owner) == 0) return 0;
+    abandon(proactor, key, socket);
+    return -1;
+}
+
+void AsyncSocket::abandon(VEL_Proactor* proactor, uint32_t key, uint64_t socket) {
+    const uint32_t code = VELLib::GetErrorCode();
+    proactor->remove_handle(key, true);
+    {
+        VEL_Guard guard(lock_);
+        if (is(key, socket)) {
+            close_socket();
+            clear();
+        }
+    }
+    VELLib::SetErrorCode(code);
+}
+
+VEL_INET_Addr AsyncSocket::remote_addr() {
+    VEL_Guard guard(lock_);
+    return remote_;
+}
+
+int AsyncSocket::local_addr(VEL_INET_Addr& address) {
+    VEL_Guard guard(lock_);
+    if (check_open() < 0) return -1;
+    address.reset();
+    return VELLib::getsockname(socket_, address);
+}
+
+int AsyncSocket::set_timeout(VEL_Async_Handler* owner, uint32_t timeout_ms) {
+    VEL_Guard guard(lock_);
+    if (check_open() < 0) return -1;
+    const uint32_t key = key_;
+    const uint64_t socket = socket_;
+    VEL_Proactor* proactor = proactor_;
+    guard.unlock();
+    if (proactor->set_timer(owner, timeout_ms, timer_id_) < 0) return -1;
+    guard.lock();
+    if (is(key, socket) && proactor_ == proactor) return 0;
+    guard.unlock();
+    // Closed meanwhile: its close may have come before the timer was there to be cancelled.
+    if (int32_t timer = timer_id_.exchange(0)) proactor->cancel_timer(timer, true);
+    return fail(error::not_a_socket);
+}
+
+void AsyncSocket::cancel_timeout() {
+    VEL_Guard guard(lock_);
+    VEL_Proactor* proactor = proactor_;
+    const int32_t timer = timer_id_.exchange(0);
+    guard.unlock();
+    if (proactor != nullptr && timer != 0) proactor->cancel_timer(timer, true);
+}
+
+int AsyncSocket::handle_close(uint32_t key, void* handle, VEL_Proactor* proactor) {
+    VEL_Guard guard(lock_);
+    if (proactor_ != proactor) return 0;
+    const uint32_t own_key = key_;
+    const uint64_t socket = socket_;
+    const int32_t timer = timer_id_;
+    const bool registration_ended = key != 0 && key == own_key;
+    const bool timer_ended = key == 0 && timer != 0 && reinterpret_cast<intptr_t>(handle) == timer;
+    if (!registration_ended && !timer_ended) return 0;
+    clear();
+    guard.unlock();
+    if (registration_ended && timer != 0) proactor->cancel_timer(timer, true);
+    if (timer_ended && own_key != 0) proactor->remove_handle(own_key, true);
+    if (socket != VEL_INVALID_SOCKET) VELLib::closesocket(socket);
+    return 0;
+}
+
+int AsyncSocket::close_handle() {
+    VEL_Guard guard(lock_);
+    if (socket_ == VEL_INVALID_SOCKET) return fail(error::not_a_socket);
+    close_socket();
+    return 0;
+}
+
+void AsyncSocket::close(bool no_close, bool no_timer_close) {
+    VEL_Guard guard(lock_);
+    const uint32_t key = key_;
+    const uint64_t socket = socket_;
+    VEL_Proactor* proactor = proactor_;
+    const int32_t timer = timer_id_.exchange(0);
+    guard.unlock();
+    if (proactor != nullptr && key != 0) proactor->remove_handle(key, no_close);
+    if (proactor != nullptr && timer != 0) proactor->cancel_timer(timer, no_timer_close);
+    guard.lock();
+    if (!is(key, socket)) return;
+    if (socket != VEL_INVALID_SOCKET) close_socket();
+    clear();
+}
+
+void AsyncSocket::close_socket() { VELLib::closesocket(socket_.exchange(VEL_INVALID_SOCKET)); }
+
+void AsyncSocket::clear() {
+    socket_ = VEL_INVALID_SOCKET;
+    key_ = 0;
+    remote_.reset();
+    proactor_ = nullptr;
+    timer_id_ = 0;
+}
+
+} // namespace vel

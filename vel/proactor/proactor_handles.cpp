@@ -1,0 +1,147 @@
+// The proactor's table of registered handles and what is reached through it.
+#include <vel/proactor/proactor.h>
+
+#include <new>
+#include <vel/os/completion_port.h>
+#include <vel/os/handle.h>
+#include <vel/platform/sockets.h>
+#include <vel/proactor/async_dgram_io.h>
+#include <vel/proactor/async_post.h>
+#include <vel/proactor/async_stream_io.h>
+#include <vel/proactor/fail.h>
+#include <vel/sync/guard.h>
+
+namespace error = vel::error;
+namespace os = vel::os;
+
+namespace {
+
+constexpr uint32_t last_possible_key = 0xFFFFFFFE;
+
+} // namespace
+
+uint32_t VEL_Proactor::generate_completion_key() {
+    VEL_Guard guard(key_lock_);
+    last_key_ = last_key_ >= last_possible_key ? 1 : last_key_ + 1;
+    return last_key_;
+}
+
+/// The entry of a key, under the lock; null with the code while closing, for key 0 and for an unknown key.
+VEL_Handle_Set* VEL_Proactor::find(uint32_t key) {
+    uint32_t code = error::none;
+    VEL_Handle_Set* set = nullptr;
+    if (closing_ || handle_table_ == nullptr)
+        code = error::object_closed;
+    else if (key == 0)
+        code = error::no_completion_key;
+    else if ((set = handle_table_->find(key)) == nullptr)
+        code = error::not_found;
+    if (code != error::none) VELLib::SetErrorCode(code);
+    return set;
+}
+
+int VEL_Proactor::register_handle(uint32_t key, void* handle, VEL_Async_Handler* handler) {
+    if (port_ == nullptr || handler == nullptr) return vel::fail(error::null_member);
+    VEL_Guard guard(lock_);
+    if (closing_ || handle_table_ == nullptr) return vel::fail(error::object_closed);
+    if (key == 0) return vel::fail(error::no_completion_key);
+    if (handle_table_->find(key) != nullptr) return vel::fail(error::invalid_parameter);
+    if (handle_table_->bind(key, {handle, handler}) < 0) return -1;
+    handler->addref();
+    const uint32_t code = os::associate(port_, handle, key);
+    if (code == error::none) return 0;
+    handle_table_->unbind(key);
+    guard.unlock();
+    handler->release();
+    return vel::fail(code);
+}
+
+int VEL_Proactor::remove_handle(uint32_t key, bool no_close) {
+    if (port_ == nullptr) return vel::fail(error::null_member);
+    VEL_Guard guard(lock_);
+    if (handle_table_ == nullptr) return vel::fail(error::null_member);
+    VEL_Handle_Set set;
+    if (handle_table_->unbind(key, set) < 0) return vel::fail(error::not_found);
+    guard.unlock();
+    if (!no_close) set.handler->handle_close(key, set.handle, this);
+    set.handler->release();
+    return 0;
+}
+
+void* VEL_Proactor::get_handle(uint32_t key, VEL_Async_Handler*& handler) {
+    VEL_Guard guard(lock_);
+    const VEL_Handle_Set* set = nullptr;
+    if (handle_table_ == nullptr)
+        VELLib::SetErrorCode(error::null_member);
+    else if ((set = handle_table_->find(key)) == nullptr)
+        VELLib::SetErrorCode(error::not_found);
+    if (set == nullptr) return VEL_INVALID_HANDLE;
+    handler = set->handler;
+    handler->addref();
+    return set->handle;
+}
+
+int VEL_Proactor::close_handle(uint32_t key) {
+    if (port_ == nullptr) return vel::fail(error::null_member);
+    VEL_Guard guard(lock_);
+    const VEL_Handle_Set* set = find(key);
+    if (set == nullptr) return -1;
+    // The one callback under the lock: the registration, and with it the handler, must not end before it is over.
+    set->handler->close_handle();
+    return 0;
+}
+
+int VEL_Proactor::shutdown(uint32_t key, int how) {
+    if (port_ == nullptr) return vel::fail(error::null_member);
+    VEL_Guard guard(lock_);
+    const VEL_Handle_Set* set = find(key);
+    if (set == nullptr) return -1;
+    return VELLib::shutdown(reinterpret_cast<uint64_t>(set->handle), how);
+}
+
+int VEL_Proactor::sendMessage(uint32_t key, const VEL_Message_Block& message) {
+    if (port_ == nullptr) return vel::fail(error::null_member);
+    if (message.is_null()) return vel::fail(error::invalid_parameter);
+    VEL_Guard guard(lock_);
+    const VEL_Handle_Set* set = find(key);
+    if (set == nullptr) return -1;
+    auto* op = new (std::nothrow) VEL_Async_Post_Operation(this, key, set->handler, message);
+    if (op == nullptr) return vel::fail(error::not_enough_memory);
+    // Under the lock, so that close() finds everything that was posted before it set the flag.
+    const uint32_t code = os::post_completion(port_, *op, 0, key);
+    if (code == error::none) return 0;
+    guard.unlock();
+    delete op;
+    return vel::fail(code);
+}
+
+/// Starts a send to the handle of a key. The lock is not held during the start; a share of the handle keeps its number
+/// from being closed and given out again meanwhile.
+template <class Operation, class Prepare>
+int VEL_Proactor::start_send(uint32_t key, const VEL_Byte_Block& data, size_t length, Prepare prepare) {
+    if (port_ == nullptr) return vel::fail(error::null_member);
+    VEL_Guard guard(lock_);
+    const VEL_Handle_Set* set = find(key);
+    if (set == nullptr) return -1;
+    void* handle = set->handle;
+    if (uint32_t code = os::share_handle(handle)) return vel::fail(code);
+    auto* op = new (std::nothrow) Operation(this, key, handle, set->handler);
+    guard.unlock();
+    int result = op == nullptr ? vel::fail(error::not_enough_memory) : 0;
+    if (op != nullptr) {
+        prepare(*op);
+        result = op->write(data, length, 0);
+    }
+    if (result < 0) delete op;
+    os::close_handle(handle);
+    return result;
+}
+
+int VEL_Proactor::sendSockStream(uint32_t key, const VEL_Byte_Block& data, size_t length) {
+    return start_send<VEL_Async_SOCK_Write_Stream>(key, data, length, [](VEL_Async_SOCK_Write_Stream&) {});
+}
+
+int VEL_Proactor::sendSockDgram(uint32_t key, const VEL_Byte_Block& data, size_t length, const VEL_INET_Addr& to) {
+    return start_send<VEL_Async_SOCK_Write_Dgram>(key, data, length,
+                                                  [&](VEL_Async_SOCK_Write_Dgram& op) { op.send_address(to); });
+}
