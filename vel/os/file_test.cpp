@@ -16,6 +16,7 @@
 namespace vel::os {
 namespace {
 
+namespace fs = std::filesystem;
 using vel::testing::content_of;
 using vel::testing::TemporaryDirectory;
 
@@ -81,7 +82,7 @@ TYPED_TEST_SUITE(Files, Backs);
 TYPED_TEST(Files, OpenTellsWhyItFails) {
     const TemporaryDirectory& directory = this->directory_;
     const std::string there = directory.file("there", "abc");
-    std::filesystem::create_symlink(there, directory.path("link"));
+    fs::create_symlink(there, directory.path("link"));
     const FileOptions plain{.plain_only = true};
     struct Row {
         std::string path;
@@ -244,8 +245,9 @@ TYPED_TEST(Files, CopyTakesContentAndWriteTime) {
     EXPECT_EQ(TypeParam::copy(directory.path().c_str(), to.c_str()), error::access_denied);
     EXPECT_EQ(TypeParam::copy(from.c_str(), directory.path().c_str()), error::access_denied);
     EXPECT_EQ(TypeParam::copy(from.c_str(), directory.path("absent/to").c_str()), error::path_not_found);
+    EXPECT_EQ(TypeParam::copy("/proc/self/mem", to.c_str()), error::io_device) << "it opens, but reading it fails";
     EXPECT_EQ(content_of(to), content_of(from));
-    const std::filesystem::directory_iterator entries(directory.path());
+    const fs::directory_iterator entries(directory.path());
     EXPECT_EQ(std::distance(begin(entries), end(entries)), 2) << "a temporary file was left behind";
 }
 
@@ -282,6 +284,31 @@ TYPED_TEST(Files, MoveReplacesAndSaysWhatIsMissing) {
     EXPECT_EQ(TypeParam::remove(to.c_str()), error::none);
 }
 
+TYPED_TEST(Files, MoveAcrossDevicesKeepsTheTimes) {
+    const fs::path memory = "/dev/shm";
+    if (!fs::is_directory(memory)) GTEST_SKIP() << "needs a second file system, looked for " << memory;
+    const TemporaryDirectory other(memory);
+    const std::string from = this->directory_.file("from", std::string(2'000'000, 'm'));
+    const std::string to = other.file("to", "old");
+    const FileTimes wanted{126'227'808'000'000'001, 126'227'808'000'000'002, 126'227'808'000'000'003};
+    void* file = this->open(from, FileOpen::open_write);
+    EXPECT_EQ(TypeParam::set_times(file, wanted), error::none);
+    TypeParam::close(file);
+    EXPECT_EQ(TypeParam::set_read_only(from.c_str(), true), error::none);
+
+    EXPECT_EQ(TypeParam::move(from.c_str(), to.c_str()), error::none);
+    EXPECT_FALSE(fs::exists(from));
+    EXPECT_EQ(content_of(to), std::string(2'000'000, 'm'));
+    file = this->open(to, FileOpen::open_read);
+    FileTimes times{};
+    EXPECT_EQ(TypeParam::times(file, times), error::none);
+    EXPECT_EQ(times.created, wanted.created);
+    EXPECT_EQ(times.written, wanted.written);
+    TypeParam::close(file);
+    EXPECT_EQ(TypeParam::move(to.c_str(), this->directory_.path("absent/to").c_str()), error::path_not_found);
+    EXPECT_EQ(content_of(to), std::string(2'000'000, 'm'));
+}
+
 TYPED_TEST(Files, ReadOnlyFilesAndAccess) {
     const std::string path = this->directory_.path("file");
     void* file = this->open(path, FileOpen::create_new, {.read_only = true});
@@ -308,8 +335,14 @@ TYPED_TEST(Files, DeleteOnCloseFollowsTheFileNotTheName) {
     ASSERT_EQ(TypeParam::move(path.c_str(), moved.c_str()), error::none);
     this->directory_.file("file", "another one");
     TypeParam::close(file);
-    EXPECT_FALSE(std::filesystem::exists(moved));
+    EXPECT_FALSE(fs::exists(moved));
     EXPECT_EQ(content_of(path), "another one");
+
+    file = this->open(path, FileOpen::open_write, {.delete_on_close = true});
+    ASSERT_EQ(TypeParam::remove(path.c_str()), error::none);
+    this->directory_.file("file (deleted)", "as the system calls a file without a name");
+    TypeParam::close(file);
+    EXPECT_TRUE(fs::exists(this->directory_.path("file (deleted)")));
 }
 
 } // namespace

@@ -43,6 +43,7 @@ struct SystemSockets {
     static constexpr auto wait = wait_socket;
     static constexpr auto take_error = take_socket_error;
     static constexpr auto peer_closed = peer_has_closed;
+    static constexpr auto peer_name = os::peer_name;
     static constexpr auto local_name = os::local_name;
     static constexpr auto get_option = os::get_option;
     static constexpr auto set_option = os::set_option;
@@ -147,20 +148,32 @@ TYPED_TEST(Sockets, StreamCarriesBytesAndTheEndBothWays) {
     EXPECT_EQ(this->receive(client, 64), "");
 }
 
-TYPED_TEST(Sockets, DatagramTellsThatItWasCut) {
+TYPED_TEST(Sockets, NamesOfBothEndsMatch) {
+    const auto [client, server] = this->connected();
+    Address near, far;
+    int32_t length = sizeof near;
+    ASSERT_EQ(TypeParam::local_name(client, &near, length), 0u);
+    ASSERT_EQ(TypeParam::peer_name(server, &far, length), 0u);
+    EXPECT_EQ(std::memcmp(&near, &far, sizeof near), 0);
+    EXPECT_NE(near.port, 0);
+}
+
+TYPED_TEST(Sockets, DatagramsKeepTheirBordersAndTellWhenTheyWereCut) {
     Address here, there, from;
     const uint64_t sender = this->bound(datagram, here);
     const uint64_t receiver = this->bound(datagram, there);
     uint64_t moved = 0;
-    for (const char* text : {"second", "third"})
+    for (const char* text : {"one", "second", "third"})
         ASSERT_EQ(TypeParam::send_to(sender, text, std::strlen(text), &there, sizeof there, moved), 0u);
 
     char buffer[16];
     int32_t length = sizeof from;
-    EXPECT_EQ(TypeParam::receive_from(receiver, buffer, 3, &from, length, moved), error::message_too_long);
-    EXPECT_EQ(std::string(buffer, moved), "sec");
+    EXPECT_EQ(TypeParam::receive_from(receiver, buffer, sizeof buffer, &from, length, moved), 0u);
+    EXPECT_EQ(std::string(buffer, moved), "one");
     EXPECT_EQ(length, 16);
     EXPECT_EQ(from.port, here.port);
+    EXPECT_EQ(TypeParam::receive_from(receiver, buffer, 3, &from, length, moved), error::message_too_long);
+    EXPECT_EQ(std::string(buffer, moved), "sec");
     EXPECT_EQ(TypeParam::receive(receiver, buffer, 2, moved), error::message_too_long);
     EXPECT_EQ(moved, 2u);
 }
@@ -186,14 +199,39 @@ TYPED_TEST(Sockets, NonBlockingCallsSayWouldBlock) {
 
     char byte = 0;
     EXPECT_EQ(TypeParam::receive(client, &byte, 1, moved), error::would_block);
-    const int32_t soon_ms = 1; // the accepted socket blocks although its listener does not
-    ASSERT_EQ(TypeParam::set_option(server, 0xFFFF, 0x1006, &soon_ms, sizeof soon_ms), 0u);
-    EXPECT_EQ(TypeParam::receive(server, &byte, 1, moved), error::socket_timed_out);
+    std::string flood(1 << 20, 'x');
+    uint32_t code = 0;
+    uint64_t sent = 0;
+    while ((code = TypeParam::send(client, flood.data(), flood.size(), moved)) == 0) sent += moved;
+    EXPECT_EQ(code, error::would_block);
+    EXPECT_EQ(TypeParam::wait(client, SocketWait::writable, 0), error::wait_timeout);
+    while (sent > 0) { // the accepted socket blocks although its listener does not
+        ASSERT_EQ(TypeParam::receive(server, flood.data(), flood.size(), moved), 0u);
+        sent -= moved;
+    }
 }
 
-TYPED_TEST(Sockets, RefusedConnectionLeavesItsCodeToBeTakenOnce) {
+TYPED_TEST(Sockets, BlockingSendMovesEverything) {
+    const auto [client, server] = this->connected();
+    const std::string block(8 << 20, 'b');
+    std::thread sender([&, from = client] { this->send(from, block); });
+    uint64_t total = 0;
+    std::string buffer(1 << 16, '\0');
+    while (total < block.size()) {
+        uint64_t moved = 0;
+        EXPECT_EQ(TypeParam::receive(server, buffer.data(), buffer.size(), moved), 0u);
+        if (moved == 0) break;
+        total += moved;
+    }
+    sender.join();
+    EXPECT_EQ(total, block.size());
+}
+
+TYPED_TEST(Sockets, RefusedConnectionHasItsCodeAtOnceOrPending) {
     Address address;
     TypeParam::close(this->listener(address));
+    EXPECT_EQ(TypeParam::connect(this->open(stream), &address, sizeof address), error::connection_refused);
+
     const uint64_t client = this->open(stream);
     ASSERT_EQ(TypeParam::nonblocking(client, true), 0u);
     uint32_t code = TypeParam::connect(client, &address, sizeof address), again = 1;
@@ -252,13 +290,21 @@ TYPED_TEST(Sockets, OwnOptionLevelReadsBackWhatWasSet) {
     }
     const uint16_t linger[2] = {1, 30};
     uint16_t back[2] = {};
-    int32_t length = sizeof back;
+    int32_t length = sizeof back, type = 0;
     EXPECT_EQ(TypeParam::set_option(socket, 0xFFFF, 0x80, linger, sizeof linger), 0u);
     EXPECT_EQ(TypeParam::get_option(socket, 0xFFFF, 0x80, back, length), 0u);
     EXPECT_EQ(std::memcmp(linger, back, sizeof back), 0);
+    EXPECT_EQ(TypeParam::get_option(socket, 0xFFFF, 0x1008, &type, length), 0u);
+    EXPECT_EQ(type, stream);
     EXPECT_EQ(TypeParam::set_option(socket, 0xFFFF, 0x700B, nullptr, 0), 0u);
-    EXPECT_EQ(TypeParam::set_option(socket, 0xFFFF, 0x4, back, 2), error::socket_fault);
-    EXPECT_EQ(TypeParam::set_option(socket, 0xFFFF, 0x7777, back, 4), 10042u);
+    EXPECT_EQ(TypeParam::set_option(socket, 0xFFFF, 0x4, &type, 2), error::socket_fault);
+    EXPECT_EQ(TypeParam::set_option(socket, 0xFFFF, 0x7777, &type, 4), 10042u);
+
+    const int32_t soon_ms = 20; // the receive time-out of a blocking socket is no "would block"
+    const auto [client, server] = this->connected();
+    uint64_t moved = 0;
+    ASSERT_EQ(TypeParam::set_option(client, 0xFFFF, 0x1006, &soon_ms, sizeof soon_ms), 0u);
+    EXPECT_EQ(TypeParam::receive(client, back, sizeof back, moved), error::socket_timed_out);
 }
 
 TYPED_TEST(Sockets, DeadAndForeignHandlesAreNoSockets) {

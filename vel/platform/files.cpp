@@ -5,6 +5,7 @@
 #include <new>
 #include <string_view>
 #include <vel/os/clock.h>
+#include <vel/os/completion_port.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/file.h>
 #include <vel/os/handle.h>
@@ -87,7 +88,7 @@ bool to_utc_ticks(const SYSTEMTIME* time, uint64_t& ticks) {
     return true;
 }
 
-uint64_t offset_of(const OVERLAPPED& overlapped) { return uint64_t{overlapped.OffsetHigh} << 32 | overlapped.Offset; }
+uint64_t as_number(void* file) { return reinterpret_cast<uintptr_t>(file); }
 
 void set_offset(OVERLAPPED* overlapped, uint64_t offset) {
     if (!overlapped) return;
@@ -110,14 +111,14 @@ int close(void* file) { return report(os::close_handle(file)); }
 
 int read(void* file, void* buffer, uint64_t size, OVERLAPPED* overlapped) {
     uint64_t moved = 0;
-    const uint32_t code = overlapped ? os::read_file_at(file, buffer, size, offset_of(*overlapped), moved)
+    const uint32_t code = overlapped ? os::overlapped_receive(as_number(file), buffer, size, *overlapped, moved)
                                      : os::read_file(file, buffer, size, moved);
     return moved_or_error(code, moved);
 }
 
 int write(void* file, const void* data, uint64_t size, OVERLAPPED* overlapped) {
     uint64_t moved = 0;
-    const uint32_t code = overlapped ? os::write_file_at(file, data, size, offset_of(*overlapped), moved)
+    const uint32_t code = overlapped ? os::overlapped_send(as_number(file), data, size, *overlapped, moved)
                                      : os::write_file(file, data, size, moved);
     return moved_or_error(code, moved);
 }

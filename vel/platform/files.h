@@ -35,7 +35,8 @@ VEL_API int close(void* file);
 
 /// One transfer of at most `size` bytes at the file position; a socket's handle does as well.
 /// @param overlapped  not null: the transfer starts at the record's offset and leaves the file position alone. On a
-///                    handle that is associated with a proactor it completes there: -1 with 997.
+///                    handle that is associated with a proactor it completes there: -1 with 997. The end of the
+///                    file is -1 with 38 then.
 /// Returns the bytes moved; 0 is the end of the file, or a peer that has closed.
 VEL_API int read(void* file, void* buffer, uint64_t size, OVERLAPPED* overlapped);
 VEL_API int write(void* file, const void* data, uint64_t size, OVERLAPPED* overlapped);

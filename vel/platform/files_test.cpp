@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 #include <vel/frame/error.h>
+#include <vel/os/completion_port.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/linux/testing/child_process.h>
 #include <vel/platform/directories.h>
@@ -83,6 +84,10 @@ TEST_F(Files, TransfersStopAtTheEndAndTellErrors) {
     EXPECT_EQ(VELLib::getfsize(file), 100);
     VELLib::close(file);
 
+    file = VELLib::open("/dev/full", false, 0);
+    EXPECT_EQ(failure_code(-1, [&] { return VELLib::write_n(file, "x", 1); }), error::disk_full);
+    VELLib::close(file);
+
     EXPECT_EQ(failure_code(-1, [&] { return VELLib::read_n(file, buffer.data(), 1); }), error::invalid_handle);
     EXPECT_EQ(failure_code(-1, [&] { return VELLib::write_n(file, "x", 1); }), error::invalid_handle);
     EXPECT_EQ(failure_code(-1, [&] { return VELLib::write(VEL_INVALID_HANDLE, "x", 1, nullptr); }),
@@ -105,7 +110,22 @@ TEST_F(Files, OverlappedTransfersUseTheRecordsOffset) {
     EXPECT_EQ(VELLib::write(file, "x", 1, &record), 1);
     EXPECT_EQ(VELLib::getfsize(file), (int64_t{1} << 32) + 1);
     EXPECT_EQ(VELLib::seek(file, 0, 1), 10);
+    record.Offset = 1;
+    EXPECT_EQ(failure_code(-1, [&] { return VELLib::read(file, buffer, 3, &record); }), error::end_of_file);
+
+    void* port = nullptr;
+    vel::os::Completion completion{};
+    ASSERT_EQ(vel::os::create_port(1, port), error::none);
+    ASSERT_EQ(vel::os::associate(port, file, 7), error::none);
+    record = {};
+    record.Offset = 8;
+    EXPECT_EQ(failure_code(-1, [&] { return VELLib::read(file, buffer, 2, &record); }), error::io_pending);
+    EXPECT_EQ(vel::os::wait_completion(port, 20'000, completion), error::none);
+    EXPECT_EQ(completion.record, &record);
+    EXPECT_EQ(completion.bytes, 2u);
+    EXPECT_EQ(std::string(buffer, 2), "89");
     VELLib::close(file);
+    vel::os::close_port(port);
 }
 
 TEST_F(Files, TimesAreLocalAndCutToMilliseconds) {

@@ -29,12 +29,26 @@ TEST(DottedQuad, TextsAreReadOrLeftToTheResolver) {
     };
     constexpr uint32_t refused = 0xABCDEF01;
     const Row rows[] = {
-        {"192.168.0.1", true, 0xC0A80001}, {"255.255.255.255", true, 0xFFFFFFFF}, {"0.0.0.0", true, 0},
+        {"192.168.0.1", true, 0xC0A80001},
+        {"255.255.255.255", true, 0xFFFFFFFF},
+        {"0.0.0.0", true, 0},
         {"010.0.0.077", true, 0x0800003F}, // octal
-        {"08.0.0.1", true, refused},       {"1.2.3.019", true, refused},          {"192.168.0", false, refused},
-        {"1.2.3.4.5", false, refused},     {"256.1.1.1", false, refused},         {"1.1.1.0001", false, refused},
-        {"1..1.1", false, refused},        {"1.1.1.1.", false, refused},          {"1.1.1.1 ", false, refused},
-        {"0x1.1.1.1", false, refused},     {"255.255.255.2551", false, refused},  {"", false, refused},
+        {"000.000.000.000", true, 0},
+        {"08.0.0.1", true, refused},
+        {"1.2.3.019", true, refused},
+        {"192.168.0", false, refused},
+        {"1.2.3.4.5", false, refused},
+        {"256.1.1.1", false, refused},
+        {"1.1.1.256", false, refused},
+        {"1.1.1.0001", false, refused},
+        {"1..1.1", false, refused},
+        {".1.1.1.1", false, refused},
+        {"1.1.1.1.", false, refused},
+        {"1.1.1.1 ", false, refused},
+        {"-1.1.1.1", false, refused},
+        {"0x1.1.1.1", false, refused},
+        {"255.255.255.2551", false, refused},
+        {"", false, refused},
         {"localhost", false, refused},
     };
     for (const Row& row : rows) {

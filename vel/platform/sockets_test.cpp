@@ -99,6 +99,8 @@ TEST_F(SocketFunctions, TimedConnectReportsTheRefusal) {
     VELLib::closesocket(listener(address));
     EXPECT_EQ(VELLib::connect(keep(VELLib::socket(2, 1, 0)), address, patience_ms), -1);
     EXPECT_EQ(VELLib::GetErrorCode(), error::connection_refused);
+    EXPECT_EQ(VELLib::connect(keep(VELLib::socket(2, 1, 0)), address), -1);
+    EXPECT_EQ(VELLib::GetErrorCode(), error::connection_refused);
 }
 
 TEST_F(SocketFunctions, TimedReceiveJudgesTheCloseAfterTheBytes) {
@@ -185,6 +187,14 @@ TEST_F(SocketFunctions, OverlappedCallsOnASocketWithoutAPortAreDoneAtOnce) {
     EXPECT_EQ(VELLib::send(client, "now", 3, &record), 3);
     record = {};
     EXPECT_EQ(VELLib::recv(server, buffer, sizeof buffer, &record), 3);
+
+    VEL_INET_Addr here, there, from;
+    const uint64_t sender = bound(2, here), receiver = bound(2, there);
+    record = {};
+    EXPECT_EQ(VELLib::sendto(sender, "dgram", 5, there, &record), 5);
+    record = {};
+    EXPECT_EQ(VELLib::recvfrom(receiver, buffer, sizeof buffer, from, &record), 5);
+    EXPECT_EQ(from, here);
 }
 
 TEST_F(SocketFunctions, OverlappedCallsOnASocketOfAPortArriveThere) {
@@ -219,26 +229,39 @@ TEST_F(SocketFunctions, WrongLengthsNeverReachBeyondTheRecord) {
     EXPECT_EQ(VELLib::connect(socket, address), -1);
 }
 
-TEST_F(SocketFunctions, DeadSocketsAreRefused) {
+TEST_F(SocketFunctions, DeadSocketsAreRefusedEverywhere) {
     const uint64_t dead = VELLib::socket(2, 1, 0);
     VELLib::closesocket(dead);
     VELLib::closesocket(dead);
     VEL_INET_Addr address;
     char byte = 0;
     bool closed = false;
+    int length = 1;
     auto refused = [](auto result) {
         EXPECT_EQ(static_cast<int64_t>(result), -1);
         EXPECT_EQ(VELLib::GetErrorCode(), error::not_a_socket);
         VELLib::SetErrorCode(0);
     };
+    refused(VELLib::bind(dead, address));
+    refused(VELLib::listen(dead));
     refused(VELLib::accept(dead, address));
     refused(VELLib::accept(dead, address, 0));
+    refused(VELLib::connect(dead, address));
     refused(VELLib::connect(dead, address, 0));
     refused(VELLib::recv(dead, &byte, 1, closed, 0));
+    refused(VELLib::recv(dead, &byte, 1, nullptr));
     refused(VELLib::recvfrom(dead, &byte, 1, address, 0));
     refused(VELLib::send(dead, &byte, 1, 0));
-    refused(VELLib::sendto(dead, &byte, 1, address, nullptr));
+    refused(VELLib::send(dead, &byte, 1, nullptr));
+    refused(VELLib::sendto(dead, &byte, 1, address, 0));
+    refused(VELLib::getpeername(dead, address));
+    refused(VELLib::getsockname(dead, address));
+    refused(VELLib::getsockopt(dead, own_level, 4, &byte, length));
+    refused(VELLib::setsockopt(dead, own_level, 4, &byte, 1));
+    refused(VELLib::shutdown(dead, 2));
     refused(VELLib::getrecvnum(dead));
+    refused(VELLib::sock_enable_nonblock(dead));
+    refused(VELLib::sock_disable_nonblock(dead));
 }
 
 TEST_F(SocketFunctions, OwnAddressIsTextOfTheRightSize) {

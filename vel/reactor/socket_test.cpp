@@ -62,6 +62,8 @@ TEST(Socket, AcceptNamesThePeerAndDatagramsNameTheSender) {
     ASSERT_EQ(one.door.accept(server, peer, patience_ms), 0);
     EXPECT_EQ(client.getlocaladdr(own), 0);
     EXPECT_EQ(peer, own);
+    EXPECT_EQ(server.getpeeraddr(peer), 0);
+    EXPECT_EQ(peer, own);
 
     VEL_Socket left(2, 2, 0), right(2, 2, 0);
     ASSERT_EQ(left.bind(0, 0x7F000001), 0);
@@ -74,24 +76,47 @@ TEST(Socket, AcceptNamesThePeerAndDatagramsNameTheSender) {
     EXPECT_EQ(from, own);
 }
 
-TEST(Socket, ClosedSocketRefuses) {
+TEST(Socket, ClosedSocketRefusesEverything) {
     VEL_Socket socket, other;
     VEL_INET_Addr address;
     char byte = 0;
+    int length = 1;
     auto refused = [](int result) {
         EXPECT_EQ(result, -1);
         EXPECT_EQ(VELLib::GetErrorCode(), error::not_a_socket);
         VELLib::SetErrorCode(0);
     };
+    refused(socket.accept(other));
+    refused(socket.accept(other, address));
+    refused(socket.accept(other, patience_ms));
     refused(socket.accept(other, address, patience_ms));
+    refused(socket.bind(address));
     refused(socket.bind(1, 0));
+    refused(socket.bind(1, "no.such.host.invalid"));
+    refused(socket.connect(address));
+    refused(socket.connect(address, 0));
     refused(socket.connect("no.such.host.invalid", 1));
+    refused(socket.connect("no.such.host.invalid", 1, 0));
+    refused(socket.listen());
     refused(socket.recv(&byte, 1));
     refused(socket.recv(&byte, 1, 0));
+    refused(socket.recvfrom(&byte, 1, address));
+    refused(socket.recvfrom(&byte, 1, address, 0));
     refused(socket.send(&byte, 1));
+    refused(socket.send(&byte, 1, 0));
+    refused(socket.sendto(&byte, 1, address));
+    refused(socket.sendto(&byte, 1, address, 0));
     refused(socket.getlocaladdr(address));
+    refused(socket.getpeeraddr(address));
     refused(socket.getrecvnum());
+    refused(socket.get_option(0xFFFF, 4, &byte, length));
+    refused(socket.set_option(0xFFFF, 4, &byte, 1));
+    refused(socket.shutdown(2));
+    refused(socket.enable_nonblock());
+    refused(socket.disable_nonblock());
     refused(socket.register_event_select(nullptr, nullptr, 4));
+    refused(socket.remove_event_select(nullptr, nullptr, 4));
+    refused(socket.window_async_select(nullptr, 1, 1));
 }
 
 TEST(Socket, OwnsWhatItHoldsAndFailuresThrow) {
