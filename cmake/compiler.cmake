@@ -33,3 +33,6 @@ elseif(VEL_SANITIZE STREQUAL "thread")
 elseif(NOT VEL_SANITIZE STREQUAL "")
     message(FATAL_ERROR "VEL_SANITIZE is '${VEL_SANITIZE}'; it takes address, thread or nothing")
 endif()
+if(NOT VEL_SANITIZE STREQUAL "" AND NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    add_compile_options(-Wno-maybe-uninitialized) # the instrumentation hides from g++ what was set before
+endif()

@@ -88,7 +88,7 @@ run_fuzzers() {
 
 make_docs() {
     mkdir -p build/docs
-    { cat docs/Doxyfile; echo "INPUT = README.md docs $(sed -n 's/#include <\(.*\)>/\1/p' vel/vel.h | xargs)"; } |
+    { cat docs/Doxyfile; echo "INPUT = README.md CONTRIBUTING.md CHANGELOG.md docs $(sed -n 's/#include <\(.*\)>/\1/p' vel/vel.h | xargs)"; } |
         doxygen -
     echo "build/docs/html/index.html"
 }
