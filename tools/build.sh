@@ -59,16 +59,15 @@ sanitize() {
     fi
 }
 
-# run_benchmarks [FILTER]: tables on the terminal, figures in build-bench/figures/. A filter that no program's name
-# matches runs none of them; "echo" stands for the comparison of the echo servers.
+# run_benchmarks [FILTER]: the programs whose name matches, then the comparison of echo servers when that matches.
 run_benchmarks() {
     local program programs=()
-    mkdir -p build-bench/figures
     for program in build-bench/bench/*_bench; do
-        [[ $(basename "$program") != *"$1"* ]] || programs+=("$program")
+        [[ $(basename "$program" _bench) != *"$1"* ]] || programs+=("$program")
     done
-    [ ${#programs[@]} -eq 0 ] || bench/micro.py --json build-bench/figures/micro.json "${programs[@]}"
-    [[ echo != *"$1"* ]] || bench/echo.py build-bench/bench/echo --json build-bench/figures/echo.json
+    [ ${#programs[@]} -eq 0 ] || python3 bench/micro.py "${programs[@]}"
+    local whole=echo
+    [[ $whole != *"$1"* ]] || python3 bench/echo.py build-bench/bench/echo
 }
 
 # run_fuzzers TARGET SECONDS: finds land in build-fuzz/found/, new inputs in build-fuzz/corpus/.
