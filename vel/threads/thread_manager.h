@@ -72,9 +72,9 @@ public:
     int cancel(int grp);
     int cancel_all();
 
-    /// Ends a thread without unwinding and forgets it; one that has ended by itself is forgotten too. It never ends its
-    /// caller: that answers -1 with 5 and keeps the thread, and so does one that cannot be stopped now with 258. The
-    /// group form steps over both and returns 0.
+    /// Ends a thread without unwinding, so that what it owned is lost, and forgets it; one that has ended by itself is
+    /// forgotten too. It never ends its caller: that answers -1 with 5 and keeps the thread, and so does one that cannot
+    /// be stopped now with 258. The group form steps over both and returns 0.
     int kill(const VEL_thread_t& thread, int exit_code);
     int kill(int grp, int exit_code);
 

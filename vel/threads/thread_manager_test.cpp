@@ -12,6 +12,11 @@
 #include <vel/os/thread.h>
 #include <vel/testing/allocator_environment.h>
 
+// A killed thread runs no destructor, so its thread-local pointer to its descriptor is lost with it.
+extern "C" VEL_API const char* __lsan_default_suppressions() {
+    return "leak:VEL_TLS<VEL_Thread_Descriptor*>::tls_get\n";
+}
+
 namespace {
 
 using namespace vel;
@@ -96,7 +101,8 @@ TEST_F(ThreadManager, SpawnOfNoneOrTooManyCreatesNothing) {
     const uint64_t before = os::open_handle_count();
     VELLib::SetErrorCode(1);
     EXPECT_EQ(manager_.spawn(poll_cancel, &work_, 4, nullptr, 1, 0xFFFFF000u, 0, nullptr), 0); // 4 GiB each, untouched
-    EXPECT_EQ(manager_.kill(1, 0), 0);
+    EXPECT_EQ(manager_.cancel(1), 0);
+    EXPECT_EQ(manager_.wait(1, long_ms), 0);
     EXPECT_EQ(os::open_handle_count(), before);
     EXPECT_EQ(manager_.thr_count(), 0u);
 }
