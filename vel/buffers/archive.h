@@ -148,7 +148,7 @@ private:
 };
 
 template <class T>
-int VEL_Archive::put(uint32_t id, T value) {
+[[gnu::always_inline]] inline int VEL_Archive::put(uint32_t id, T value) {
     return output_.put_number(id, value);
 }
 

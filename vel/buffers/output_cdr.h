@@ -75,7 +75,6 @@ private:
 
     bool is_plain() const;
     uint64_t room() const { return capacity_ - position_; }
-    uint8_t* begin_element(uint32_t id, uint8_t tag, uint64_t length);
     int end_element(uint64_t total);
     int refuse() const;
     template <class T>
@@ -100,15 +99,6 @@ inline void VEL_OutputCDR::set(void* buffer, uint64_t capacity) {
     elements_ = 0;
 }
 
-/// Writes the header of an element that fits as a whole and returns where its payload goes; else null.
-[[gnu::always_inline]] inline uint8_t* VEL_OutputCDR::begin_element(uint32_t id, uint8_t tag, uint64_t length) {
-    if (length > vel::cdr::element_limit - vel::cdr::header_size) return nullptr;
-    if (room() < vel::cdr::header_size + length) return nullptr;
-    uint8_t* at = buffer_ + position_;
-    vel::cdr::store_header(at, id, tag, static_cast<uint32_t>(length));
-    return at + vel::cdr::header_size;
-}
-
 [[gnu::always_inline]] inline int VEL_OutputCDR::end_element(uint64_t total) {
     position_ += total;
     ++elements_;
@@ -117,19 +107,22 @@ inline void VEL_OutputCDR::set(void* buffer, uint64_t capacity) {
 
 template <class T>
 [[gnu::always_inline]] inline int VEL_OutputCDR::put_number(uint32_t id, T value) {
-    uint8_t* payload = begin_element(id, vel::cdr::number_tag<T>(), sizeof(T));
-    if (payload == nullptr) [[unlikely]]
+    constexpr uint64_t total = vel::cdr::header_size + sizeof(T);
+    if (room() < total) [[unlikely]]
         return refuse();
-    vel::cdr::store(payload, value);
-    return end_element(vel::cdr::header_size + sizeof(T));
+    vel::cdr::store_number(buffer_ + position_, id, value);
+    return end_element(total);
 }
 
 [[gnu::always_inline]] inline int VEL_OutputCDR::put_bytes(uint32_t id, uint8_t tag, const void* data,
                                                            uint64_t length) {
-    uint8_t* payload = begin_element(id, tag, length);
-    if (payload == nullptr) [[unlikely]]
+    if (length > vel::cdr::element_limit - vel::cdr::header_size || room() < vel::cdr::header_size + length)
+        [[unlikely]]
         return refuse();
-    if (length != 0) std::memcpy(payload, data, length);
+    uint8_t* at = buffer_ + position_;
+    vel::cdr::store_header(at, id, tag, static_cast<uint32_t>(length));
+    if (length != 0) [[likely]]
+        std::memcpy(at + vel::cdr::header_size, data, length);
     return end_element(vel::cdr::header_size + length);
 }
 
