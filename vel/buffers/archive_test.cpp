@@ -311,9 +311,21 @@ TEST_F(Archive, CorruptHeadersFailWithTheirCode) {
     EXPECT_GT(feed(version), 0);
 }
 
+TEST_F(Archive, ElementsAreCheckedEvenWhenTheObjectReadsNone) {
+    Bytes message = {'V', 'E', 'L', 'S', 0, 1, 0, 0, 0, 9, 0, 0, 0, 0, 0, 14, 0, 0, 0, 1};
+    const uint8_t bit_field[] = {0, 0, 0, 0, 8, 0, 0, 0, 5, 0, 0, 0, 8, 0xFF};
+    message.insert(message.end(), bit_field, bit_field + sizeof bit_field);
+    EXPECT_EQ(feed(message), 34);
+    message[32] = 9; // nine bits in one byte
+    EXPECT_EQ(feed(message), -1);
+    EXPECT_EQ(VELLib::GetErrorCode(), library + 14);
+    message[24] = 99; // a kind that nobody knows is skipped
+    EXPECT_EQ(feed(message), 34);
+}
+
 TEST_F(Archive, AClaimedBodyIsNotBelieved) {
     Bytes header = {'V', 'E', 'L', 'S', 0, 1, 0, 0, 0, 7, 0, 2, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-    EXPECT_EQ(feed(header), 0); // waits, without four gigabytes
+    EXPECT_EQ(feed(header), 0); // waits; the replay of the fuzz corpus bounds what is allocated
     EXPECT_EQ(archive_.get_bodysize(), 0xFFFFFFFFu);
     for (int i = 0; i < 1000; ++i) EXPECT_EQ(feed(header), 0);
     archive_.reset();

@@ -4,8 +4,6 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
-#include <thread>
-#include <vector>
 #include <vel/frame/error.h>
 #include <vel/frame/exception.h>
 #include <vel/testing/allocator_environment.h>
@@ -102,18 +100,6 @@ TEST_F(ByteBlock, OutOfMemoryLeavesANullBlock) {
     VEL_Byte_Queue queue;
     EXPECT_EQ(queue.enqueue("x", 1), -1);
     EXPECT_EQ(queue.size(), 0u);
-}
-
-TEST_F(ByteBlock, HandlesOfOneBufferMayGoOnManyThreads) {
-    VEL_Byte_Block shared(64, nullptr);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([handle = shared] {
-            for (int round = 0; round < 10000; ++round) VEL_Byte_Block another = handle;
-        });
-    }
-    shared.reset();
-    for (std::thread& thread : threads) thread.join();
 }
 
 class ByteQueue : public ByteBlock {

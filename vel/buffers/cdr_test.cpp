@@ -54,62 +54,6 @@ TEST_F(Output, WritesTheDocumentedBytes) {
     EXPECT_EQ(out_.elements(), 5u);
 }
 
-TEST_F(Output, EveryKindReadsBack) {
-    const VEL_Byte_Block block(3, "xyz");
-    out_ << uint8_t{0xFE} << uint16_t{0xFEDC} << uint32_t{0xFEDCBA98} << uint64_t{0xFEDCBA9876543210}
-         << 0xFEDCBA9876543210ull << -1.5f << 6.25e300 << "text" << L"v\u00e4h" << std::string("a\0b", 3)
-         << std::wstring(L"w") << block << VEL_Bitfield("110");
-    VEL_InputCDR in(buffer_, out_.set_size());
-    uint8_t u8;
-    uint16_t u16;
-    uint32_t u32;
-    uint64_t u64;
-    unsigned long long u64_too;
-    float f;
-    double d;
-    std::string text, with_nul;
-    std::wstring wide, wide_too;
-    VEL_Byte_Block bytes;
-    VEL_Bitfield bits;
-    in >> u8 >> u16 >> u32 >> u64 >> u64_too >> f >> d >> text >> wide >> with_nul >> wide_too >> bytes >> bits;
-    EXPECT_EQ(u8, 0xFE);
-    EXPECT_EQ(u16, 0xFEDC);
-    EXPECT_EQ(u32, 0xFEDCBA98);
-    EXPECT_EQ(u64, 0xFEDCBA9876543210);
-    EXPECT_EQ(u64_too, 0xFEDCBA9876543210);
-    EXPECT_EQ(f, -1.5f);
-    EXPECT_EQ(d, 6.25e300);
-    EXPECT_EQ(text, "text");
-    EXPECT_EQ(wide, L"v\u00e4h");
-    EXPECT_EQ(with_nul, std::string("a\0b", 3));
-    EXPECT_EQ(wide_too, L"w");
-    EXPECT_EQ(std::string(static_cast<char*>(bytes.c_ptr(0)), bytes.size()), "xyz");
-    EXPECT_EQ(bits.get_bitcnt(), 3u);
-    EXPECT_EQ(in.offset(), static_cast<int>(out_.set_size()));
-}
-
-TEST_F(Output, SizesAreWhatIsWritten) {
-    const VEL_Byte_Block block(3, "xyz");
-    const VEL_Bitfield bits("110110110");
-    const std::wstring wide = L"\u00e4\u20ac";
-    auto expect_size = [&](const auto& value) {
-        EXPECT_EQ(out_.set_value(0, value), static_cast<int>(VEL_CDR::size_of(value)));
-    };
-    expect_size(uint8_t{1});
-    expect_size(uint16_t{1});
-    expect_size(uint32_t{1});
-    expect_size(uint64_t{1});
-    expect_size(1ull);
-    expect_size(1.0f);
-    expect_size(1.0);
-    expect_size(std::string("four"));
-    expect_size(wide);
-    expect_size(block);
-    expect_size(bits);
-    EXPECT_EQ(VEL_CDR::size_of(wide), 9u + 5u); // two and three bytes of UTF-8
-    EXPECT_EQ(VEL_CDR::size_of("abc", 2), 11u);
-}
-
 TEST_F(Output, RefusesWhatDoesNotFitAsAWhole) {
     out_.set(buffer_, 25);
     EXPECT_EQ(out_.set_value(0, uint32_t{1}), 13);
