@@ -76,8 +76,9 @@ uint32_t set_read_only(const char* path, bool read_only);
 /// Errors: 2, 3, 5 (also for a directory).
 uint32_t delete_file(const char* path);
 
-/// Replaces the target in one step: a copy is written beside it and renamed. The copy has the write time and the
-/// permissions of its source. Errors: those of opening and writing; 5 when the target is a directory.
+/// Replaces the target in one step: a copy is written beside it and renamed. A link in its place is replaced, not
+/// followed. The copy has the write time and the permissions of its source.
+/// Errors: those of opening and writing; 5 when the target is a directory.
 uint32_t copy_file(const char* from, const char* to);
 
 /// Renames, replacing the target; across devices copies and deletes.
