@@ -70,6 +70,7 @@ private:
     bool pass_gate();
     bool decide(uint64_t outcome);
     bool lives() const { return outcome_.load(std::memory_order_seq_cst) == 0; }
+    bool returned() const { return outcome_.load(std::memory_order_seq_cst) >> 32 == outcome_returned >> 32; }
     bool is_caller() const;
     void answer();
     void wait_for_answer(uint32_t answers_before);
@@ -113,14 +114,15 @@ int free_signal() {
     return SIGRTMAX;
 }
 
-void prepare_process() {
+// 0 or the errno of the key that could not be had; a key that is not ours must never be written.
+int prepare_process() {
     struct sigaction action {};
     action.sa_handler = on_control_signal;
     action.sa_flags = SA_RESTART;
     ::sigfillset(&action.sa_mask);
     control_signal = free_signal();
     ::sigaction(control_signal, &action, nullptr);
-    ::pthread_key_create(&exit_key, on_thread_exit);
+    return ::pthread_key_create(&exit_key, on_thread_exit);
 }
 
 void unblock_control_signal() {
@@ -138,8 +140,8 @@ bool ThreadObject::decide(uint64_t outcome) {
 bool ThreadObject::is_caller() const { return current == this; }
 
 uint32_t ThreadObject::start(uint32_t stack_size, uint32_t& id) {
-    static std::once_flag once;
-    std::call_once(once, prepare_process);
+    static const int unprepared = prepare_process();
+    if (unprepared != 0) return system_error(unprepared);
     pthread_attr_t attributes;
     ::pthread_attr_init(&attributes);
     if (stack_size != 0) {
@@ -250,6 +252,7 @@ void ThreadObject::wait_for_answer(uint32_t answers_before) {
 void ThreadObject::obey_signal() {
     uint32_t word = control_.load(std::memory_order_seq_cst);
     if (!(word & passed_gate)) return; // the gate looks at the word itself
+    if (returned()) return;            // too late: no resume would reach the thread any more
     parked_.store(true, std::memory_order_seq_cst);
     answer();
     while (!(word & killed) && (word & count_mask)) {
