@@ -25,7 +25,8 @@ struct Slot {
 
 constexpr uint32_t chunk_slots = 1024;
 constexpr uint32_t chunk_count = 4096;
-std::atomic<Slot*> chunks[chunk_count];
+constinit Slot first_chunk[chunk_slots]; // so that a process with few handles needs no memory for them
+constinit std::atomic<Slot*> chunks[chunk_count] = {first_chunk};
 std::atomic<uint64_t> open_handles{0};
 
 Slot* find_slot(int descriptor) {
