@@ -8,10 +8,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <ctime>
 #include <fcntl.h>
-#include <map>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -23,6 +24,7 @@
 #include <utility>
 #include <vel/os/error_codes.h>
 #include <vel/os/linux/deadline.h>
+#include <vel/os/linux/descriptor.h>
 #include <vel/os/linux/error.h>
 #include <vel/os/linux/handle_table.h>
 #include <vel/os/linux/mutex_owner.h>
@@ -197,49 +199,45 @@ public:
     void abandon(uint32_t thread_id);
 
 private:
-    uint32_t open_file(const std::string& path, Record*& record);
+    Record* find(const std::string& path);
 
     std::mutex mutex_;
-    std::map<const void*, Record*> records_;
-    std::map<std::string, Record*> named_;
+    std::list<Record> records_; // guarded by mutex_
 };
+
+Record* Registry::find(const std::string& path) {
+    if (path.empty()) return nullptr;
+    for (Record& record : records_)
+        if (record.path() == path) return &record;
+    return nullptr;
+}
 
 uint32_t Registry::open(const char* name, Record*& record) {
     std::lock_guard lock(mutex_);
     const std::string path = name ? named_object_path("mutex", name) : std::string();
-    if (name) {
-        const auto found = named_.find(path);
-        if (found != named_.end()) {
-            record = found->second;
-            ++record->shares_;
-            return error::none;
-        }
+    record = find(path);
+    if (record) {
+        ++record->shares_;
+        return error::none;
     }
-    return open_file(path, record);
-}
-
-uint32_t Registry::open_file(const std::string& path, Record*& record) {
-    int descriptor = -1;
-    if (!path.empty())
-        if (const uint32_t code = open_named_object(path, descriptor); code != error::none) return code;
-    auto fresh = std::make_unique<Record>(path, descriptor);
-    records_[fresh.get()] = fresh.get();
-    if (!path.empty()) named_[path] = fresh.get();
-    record = fresh.release();
+    int opened = -1;
+    if (name)
+        if (const uint32_t code = open_named_object(path, opened); code != error::none) return code;
+    Descriptor descriptor(opened);
+    record = &records_.emplace_back(path, descriptor.get());
+    descriptor.release(); // the record's now
     return error::none;
 }
 
 void Registry::drop(Record* record) {
     std::lock_guard lock(mutex_);
     if (--record->shares_ > 0) return;
-    records_.erase(record);
-    if (!record->path().empty()) named_.erase(record->path());
-    delete record;
+    records_.remove_if([record](const Record& each) { return &each == record; });
 }
 
 void Registry::abandon(uint32_t thread_id) {
     std::lock_guard lock(mutex_);
-    for (const auto& entry : records_) entry.second->abandon(thread_id);
+    for (Record& record : records_) record.abandon(thread_id);
 }
 
 class MutexObject final : public HandleObject {
@@ -253,23 +251,27 @@ private:
     Record* const record_;
 };
 
-// Watches for the end of a thread that has owned a mutex.
-void note_owner() {
+// Watches for the end of a thread that has owned a mutex. False where the system has no more keys for that.
+bool note_owner() {
     static const pthread_key_t key = [] {
         pthread_key_t created;
-        ::pthread_key_create(&created, [](void*) { abandon_mutexes_of(current_thread_id()); });
-        return created;
+        const int failed = ::pthread_key_create(&created, [](void*) { abandon_mutexes_of(current_thread_id()); });
+        return failed ? PTHREAD_KEYS_MAX : created;
     }();
     static char owned;
-    ::pthread_setspecific(key, &owned);
+    return ::pthread_setspecific(key, &owned) == 0;
 }
 
+// Takes over a share of the record.
 uint32_t make_handle(Record* record, void*& mutex) {
+    std::unique_ptr<MutexObject> object(new (std::nothrow) MutexObject(record));
+    if (!object) {
+        Registry::instance().drop(record);
+        return error::not_enough_memory;
+    }
     const int descriptor =
         record->descriptor() < 0 ? ::eventfd(0, EFD_CLOEXEC) : ::fcntl(record->descriptor(), F_DUPFD_CLOEXEC, 3);
-    const int failed = errno;
-    auto object = std::make_unique<MutexObject>(record); // owns the share from here on
-    if (descriptor < 0) return system_error(failed);
+    if (descriptor < 0) return system_error(errno);
     mutex = HandleTable::insert(descriptor, HandleKind::mutex, std::move(object));
     return mutex ? error::none : error::too_many_open_files;
 }
@@ -291,7 +293,7 @@ uint32_t open_mutex(const char* name, void*& mutex) {
 uint32_t acquire_mutex(void* mutex, uint32_t timeout_ms, bool& abandoned) {
     Pinned<MutexObject> object(mutex, HandleKind::mutex);
     if (!object) return error::invalid_handle;
-    note_owner();
+    if (!note_owner()) return error::no_system_resources;
     return object->record().acquire(timeout_ms, abandoned);
 }
 
