@@ -1,6 +1,7 @@
 // The per-thread error code and the lookup of messages.
 #include <algorithm>
-#include <string>
+#include <new>
+#include <string_view>
 #include <vel/frame/error.h>
 #include <vel/frame/messages.h>
 #include <vel/os/error_codes.h>
@@ -32,19 +33,23 @@ uint64_t copy_library_message(uint32_t code, char* buffer, uint64_t size) {
     return copy_text(text, buffer, whole_characters(text, size - 1));
 }
 
-std::string find_system_message(uint32_t code) {
-    if (code & error::errno_bit) return os::system_message(static_cast<int>(code & ~error::errno_bit));
-    return std::string(system_text(code));
-}
-
 // 0 when there is no text or the buffer cannot hold all of it with its line end.
-uint64_t copy_system_message(uint32_t code, char* buffer, uint64_t size) {
-    const std::string text = find_system_message(code);
+uint64_t copy_with_line_end(std::string_view text, char* buffer, uint64_t size) {
     const uint64_t length = text.size() + line_end.size();
     if (text.empty() || length >= size) return 0;
     copy_text(text, buffer, text.size());
     buffer[length - 1] = buffer[length] = '\0';
     return length;
+}
+
+// The table needs no memory, so that a shortage can still be told.
+uint64_t copy_system_message(uint32_t code, char* buffer, uint64_t size) {
+    if (!(code & error::errno_bit)) return copy_with_line_end(system_text(code), buffer, size);
+    try {
+        return copy_with_line_end(os::system_message(static_cast<int>(code & ~error::errno_bit)), buffer, size);
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
 }
 
 } // namespace

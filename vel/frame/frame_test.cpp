@@ -7,6 +7,7 @@
 #include <vel/frame/error.h>
 #include <vel/frame/exception.h>
 #include <vel/frame/thread_id.h>
+#include <vel/testing/failing_allocations.h>
 
 namespace {
 
@@ -87,6 +88,17 @@ TEST(Exception, KeepsCodeAndAtMost511Bytes) {
         EXPECT_EQ(copy.GetErrorCode(), 0x20000004u);
         EXPECT_EQ(copy.GetErrorMsg(), message_of(0x20000004));
     }
+}
+
+TEST(Exception, TellsOfShortMemoryWithoutAny) {
+    char known[64], foreign[64];
+    {
+        const vel::testing::FailingAllocations failing(0);
+        std::strcpy(known, VEL_Exception(8).GetErrorMsg());
+        std::strcpy(foreign, VEL_Exception(0x40000000u + 43u).GetErrorMsg()); // the system's text, longer than a word
+    }
+    EXPECT_STREQ(known, "Not enough memory is available.");
+    EXPECT_EQ(foreign, unknown_text);
 }
 
 TEST(ThreadId, IsInvalidWithoutHandleOrId) {

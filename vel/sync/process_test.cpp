@@ -6,16 +6,19 @@
 #include <vel/frame/error.h>
 #include <vel/frame/exception.h>
 #include <vel/os/handle.h>
+#include <vel/os/linux/testing/process_counts.h>
 #include <vel/os/memory.h>
 #include <vel/sync/guard.h>
 #include <vel/sync/shared_memory.h>
 #include <vel/testing/allocator_environment.h>
 #include <vel/testing/child_process.h>
+#include <vel/testing/failing_allocations.h>
 
 namespace {
 
 using vel::testing::Child;
 using vel::testing::ChildProcess;
+using vel::testing::ProcessCounts;
 
 std::string unique_name() {
     std::random_device entropy;
@@ -169,6 +172,23 @@ TEST(SharedMemory, FailedOpenLeavesNothingOpen) {
     EXPECT_EQ(VELLib::GetErrorCode(), 87u) << "the low half of the size is 0";
     EXPECT_EQ(block.c_ptr(0), nullptr);
     EXPECT_EQ(vel::os::open_handle_count(), handles);
+}
+
+TEST(SharedMemory, ShortMemoryIsACodeWhereverItStrikes) {
+    const std::string name = unique_name();
+    const size_t descriptors = ProcessCounts::now().descriptors;
+    VEL_Shared_Memory block;
+    int result = 0;
+    const auto open = [&] { result = block.open(name.c_str(), 100); };
+    const auto failed = [&] {
+        if (result != -1) return false;
+        EXPECT_EQ(VELLib::GetErrorCode(), 8u);
+        EXPECT_EQ(ProcessCounts::now().descriptors, descriptors);
+        return true;
+    };
+    EXPECT_GT(vel::testing::fail_each_allocation(open, failed), 4);
+    EXPECT_EQ(block.acquire(1000), 0);
+    EXPECT_EQ(block.release(), 0);
 }
 
 } // namespace

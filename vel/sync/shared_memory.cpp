@@ -1,6 +1,8 @@
 // Named memory that processes share, with its lock.
+#include <new>
 #include <utility>
 #include <vel/frame/error.h>
+#include <vel/os/error_codes.h>
 #include <vel/os/handle.h>
 #include <vel/os/memory.h>
 #include <vel/sync/shared_memory.h>
@@ -38,10 +40,12 @@ VEL_Shared_Memory& VEL_Shared_Memory::operator=(const VEL_Shared_Memory& other) 
 
 VEL_Shared_Memory::~VEL_Shared_Memory() { close(); }
 
-int VEL_Shared_Memory::open(const char* name, uint64_t size) {
+int VEL_Shared_Memory::open(const char* name, uint64_t size) try {
     close();
-    if (open_mutex(object_name("VEL_LIB/SHARED_MEM/MUTEX", name).c_str()) != 0) return -1;
+    const std::string mutex_name = object_name("VEL_LIB/SHARED_MEM/MUTEX", name);
     const std::string mapping_name = object_name("VEL_LIB/SHARED_MEM", name);
+    std::string own_name(name ? name : ""); // before anything is open: from here on only codes tell of failure
+    if (open_mutex(mutex_name.c_str()) != 0) return -1;
     const uint64_t low_size = size & 0xFFFFFFFF; // the high half does not count, on purpose
     void* mapping = nullptr;
     void* address = nullptr;
@@ -54,8 +58,11 @@ int VEL_Shared_Memory::open(const char* name, uint64_t size) {
     mapping_ = mapping;
     address_ = address;
     size_ = mapped_size;
-    name_ = name ? name : "";
+    name_ = std::move(own_name);
     return static_cast<int>(size_);
+} catch (const std::bad_alloc&) {
+    VELLib::SetErrorCode(vel::error::not_enough_memory);
+    return -1;
 }
 
 void VEL_Shared_Memory::close() {

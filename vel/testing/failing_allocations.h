@@ -1,0 +1,57 @@
+// Makes the allocations of a test program fail on demand. Include it in one source file of the program only: it
+// replaces the global operators.
+#pragma once
+
+#include <cstdlib>
+#include <new>
+
+namespace vel::testing {
+
+/// Lets the calling thread's allocations succeed `count` times and fail from then on, until the end of the scope.
+class FailingAllocations {
+public:
+    explicit FailingAllocations(int count) { left() = count; }
+    ~FailingAllocations() { left() = unlimited; }
+    FailingAllocations(const FailingAllocations&) = delete;
+    FailingAllocations& operator=(const FailingAllocations&) = delete;
+
+    static bool refuse() {
+        if (left() == unlimited) return false;
+        if (left() == 0) return true;
+        --left();
+        return false;
+    }
+
+private:
+    static constexpr int unlimited = -1;
+
+    static int& left() {
+        static thread_local int count = unlimited;
+        return count;
+    }
+};
+
+/// Repeats a call with one more allocation granted each time until none is missing: every time but the last it must
+/// fail with code 8 as `failed` tells, and throw nothing. Returns how often it failed.
+template <class Call, class Failed>
+int fail_each_allocation(Call call, Failed failed) {
+    for (int granted = 0; granted < 1000; ++granted) {
+        {
+            const FailingAllocations failing(granted);
+            call();
+        }
+        if (!failed()) return granted;
+    }
+    return -1;
+}
+
+} // namespace vel::testing
+
+// Not inlined: a compiler that looks inside takes the pair for mismatched.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    void* block = vel::testing::FailingAllocations::refuse() ? nullptr : std::malloc(size ? size : 1);
+    if (!block) throw std::bad_alloc();
+    return block;
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
