@@ -30,7 +30,7 @@ public:
         if (T* object = published.load(std::memory_order_relaxed)) return object;
         try {
             auto* holder = new VEL_Singleton(published, lock, std::forward<Arguments>(arguments)...);
-            if (add_instance(holder) == 0) return &holder->object_;
+            if (add_instance(holder) == 0) return holder->publish();
             delete holder;
         } catch (const VEL_Exception& exception) {
             VELLib::SetErrorCode(exception.GetErrorCode());
@@ -51,8 +51,13 @@ private:
     VEL_Singleton(std::atomic<T*>& published, Lock& lock, Arguments&&... arguments)
         : object_(std::forward<Arguments>(arguments)...),
           lock_(lock),
-          published_(published) {
+          published_(published) {}
+
+    // Only once it is registered, so that nobody finds an object that is given up again. A release that comes between
+    // waits for the lock.
+    T* publish() {
         published_.store(&object_, std::memory_order_release);
+        return &object_;
     }
 
     T object_;
