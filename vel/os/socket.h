@@ -14,6 +14,9 @@ enum class SocketWait : uint8_t { readable, writable };
 uint32_t open_socket(int family, int type, int protocol, uint64_t& socket);
 uint32_t close_socket(uint64_t socket);
 
+/// Whether the value is an open socket at this moment.
+bool is_socket(uint64_t handle);
+
 /// Stream sockets may bind over connections in TIME_WAIT.
 uint32_t bind_socket(uint64_t socket, const void* address, int32_t length);
 uint32_t listen_socket(uint64_t socket);

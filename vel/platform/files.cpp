@@ -1,6 +1,7 @@
 // Files of the library over those of the operating-system boundary.
 #include <vel/platform/files.h>
 
+#include <algorithm>
 #include <climits>
 #include <new>
 #include <string_view>
@@ -23,6 +24,7 @@ using vel::report;
 constexpr uint32_t read_only_flag = 0x00000001;
 constexpr uint32_t delete_on_close_flag = 0x04000000;
 constexpr uint32_t write_through_flag = 0x80000000;
+constexpr uint64_t largest_step = uint64_t{1} << 30;
 
 os::FileOptions to_options(uint32_t flags) {
     os::FileOptions options;
@@ -111,15 +113,17 @@ int close(void* file) { return report(os::close_handle(file)); }
 
 int read(void* file, void* buffer, uint64_t size, OVERLAPPED* overlapped) {
     uint64_t moved = 0;
-    const uint32_t code = overlapped ? os::overlapped_receive(as_number(file), buffer, size, *overlapped, moved)
-                                     : os::read_file(file, buffer, size, moved);
+    const uint32_t code =
+        overlapped ? os::overlapped_receive(as_number(file), buffer, std::min(size, largest_step), *overlapped, moved)
+                   : os::read_file(file, buffer, size, moved);
     return moved_or_error(code, moved);
 }
 
 int write(void* file, const void* data, uint64_t size, OVERLAPPED* overlapped) {
     uint64_t moved = 0;
-    const uint32_t code = overlapped ? os::overlapped_send(as_number(file), data, size, *overlapped, moved)
-                                     : os::write_file(file, data, size, moved);
+    const uint32_t code =
+        overlapped ? os::overlapped_send(as_number(file), data, std::min(size, largest_step), *overlapped, moved)
+                   : os::write_file(file, data, size, moved);
     return moved_or_error(code, moved);
 }
 

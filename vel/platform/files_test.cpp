@@ -110,6 +110,7 @@ TEST_F(Files, OverlappedTransfersUseTheRecordsOffset) {
     EXPECT_EQ(VELLib::write(file, "x", 1, &record), 1);
     EXPECT_EQ(VELLib::getfsize(file), (int64_t{1} << 32) + 1);
     EXPECT_EQ(VELLib::seek(file, 0, 1), 10);
+    EXPECT_EQ(record.InternalHigh, 1u);
     record.Offset = 1;
     EXPECT_EQ(failure_code(-1, [&] { return VELLib::read(file, buffer, 3, &record); }), error::end_of_file);
 

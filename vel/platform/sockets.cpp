@@ -35,6 +35,9 @@ uint64_t accept_code(uint64_t socket, VEL_INET_Addr& peer) {
     return report(code) < 0 ? VEL_INVALID_SOCKET : accepted;
 }
 
+// The overlapped calls of the system take files as well, and speak of handles.
+bool is_foreign(uint64_t socket, const OVERLAPPED* overlapped) { return overlapped && !os::is_socket(socket); }
+
 // Timed calls leave the socket non-blocking, time-outs and failures included.
 uint32_t wait_nonblocking(uint64_t socket, SocketWait what, uint32_t timeout_ms) {
     const uint32_t code = os::set_nonblocking(socket, true);
@@ -112,6 +115,7 @@ int recv(uint64_t socket, void* buffer, uint64_t size, bool& closed, uint32_t ti
 }
 
 int recv(uint64_t socket, void* buffer, uint64_t size, OVERLAPPED* overlapped) {
+    if (is_foreign(socket, overlapped)) return report(error::not_a_socket);
     uint64_t moved = 0;
     const uint64_t room = transfer_size(size);
     const uint32_t code = overlapped ? os::overlapped_receive(socket, buffer, room, *overlapped, moved)
@@ -127,6 +131,7 @@ int recvfrom(uint64_t socket, void* buffer, uint64_t size, VEL_INET_Addr& from, 
 
 int recvfrom(uint64_t socket, void* buffer, uint64_t size, VEL_INET_Addr& from, OVERLAPPED* overlapped) {
     from.reset();
+    if (is_foreign(socket, overlapped)) return report(error::not_a_socket);
     uint64_t moved = 0;
     const uint64_t room = transfer_size(size);
     const uint32_t code = overlapped ? os::overlapped_receive_from(socket, buffer, room, record_of(from),
@@ -141,6 +146,7 @@ int send(uint64_t socket, const void* data, uint64_t size, uint32_t timeout_ms) 
 }
 
 int send(uint64_t socket, const void* data, uint64_t size, OVERLAPPED* overlapped) {
+    if (is_foreign(socket, overlapped)) return report(error::not_a_socket);
     uint64_t moved = 0;
     const uint64_t bytes = transfer_size(size);
     const uint32_t code = overlapped ? os::overlapped_send(socket, data, bytes, *overlapped, moved)
@@ -155,6 +161,7 @@ int sendto(uint64_t socket, const void* data, uint64_t size, const VEL_INET_Addr
 }
 
 int sendto(uint64_t socket, const void* data, uint64_t size, const VEL_INET_Addr& to, OVERLAPPED* overlapped) {
+    if (is_foreign(socket, overlapped)) return report(error::not_a_socket);
     uint64_t moved = 0;
     const uint64_t bytes = transfer_size(size);
     const uint32_t code =

@@ -185,15 +185,19 @@ TEST_F(SocketFunctions, OverlappedCallsOnASocketWithoutAPortAreDoneAtOnce) {
     OVERLAPPED record{};
     char buffer[8];
     EXPECT_EQ(VELLib::send(client, "now", 3, &record), 3);
+    EXPECT_EQ(record.InternalHigh, 3u);
     record = {};
     EXPECT_EQ(VELLib::recv(server, buffer, sizeof buffer, &record), 3);
+    EXPECT_EQ(record.InternalHigh, 3u);
 
     VEL_INET_Addr here, there, from;
     const uint64_t sender = bound(2, here), receiver = bound(2, there);
     record = {};
     EXPECT_EQ(VELLib::sendto(sender, "dgram", 5, there, &record), 5);
+    EXPECT_EQ(record.InternalHigh, 5u);
     record = {};
     EXPECT_EQ(VELLib::recvfrom(receiver, buffer, sizeof buffer, from, &record), 5);
+    EXPECT_EQ(record.InternalHigh, 5u);
     EXPECT_EQ(from, here);
 }
 
@@ -254,6 +258,11 @@ TEST_F(SocketFunctions, DeadSocketsAreRefusedEverywhere) {
     refused(VELLib::send(dead, &byte, 1, 0));
     refused(VELLib::send(dead, &byte, 1, nullptr));
     refused(VELLib::sendto(dead, &byte, 1, address, 0));
+    OVERLAPPED record{};
+    refused(VELLib::recv(dead, &byte, 1, &record));
+    refused(VELLib::recvfrom(dead, &byte, 1, address, &record));
+    refused(VELLib::send(dead, &byte, 1, &record));
+    refused(VELLib::sendto(dead, &byte, 1, address, &record));
     refused(VELLib::getpeername(dead, address));
     refused(VELLib::getsockname(dead, address));
     refused(VELLib::getsockopt(dead, own_level, 4, &byte, length));

@@ -66,8 +66,6 @@ uint32_t move_bytes(void* file, uint64_t& moved, Transfer transfer) {
     return error::none;
 }
 
-bool is_socket(void* file) { return HandleTable::kind(file) == HandleKind::socket; }
-
 uint64_t to_socket(void* file) { return reinterpret_cast<uintptr_t>(file); }
 
 } // namespace
@@ -103,13 +101,13 @@ uint32_t open_file(const char* path, FileOpen how, void*& file, const FileOption
 }
 
 uint32_t read_file(void* file, void* buffer, uint64_t size, uint64_t& moved) {
-    if (is_socket(file)) return receive(to_socket(file), buffer, size, moved);
+    if (is_socket(to_socket(file))) return receive(to_socket(file), buffer, std::min(size, largest_step), moved);
     return move_bytes(file, moved,
                       [=](int descriptor) { return ::read(descriptor, buffer, std::min(size, largest_step)); });
 }
 
 uint32_t write_file(void* file, const void* data, uint64_t size, uint64_t& moved) {
-    if (is_socket(file)) return send(to_socket(file), data, size, moved);
+    if (is_socket(to_socket(file))) return send(to_socket(file), data, std::min(size, largest_step), moved);
     return move_bytes(file, moved,
                       [=](int descriptor) { return ::write(descriptor, data, std::min(size, largest_step)); });
 }

@@ -17,8 +17,12 @@ constexpr char created_attribute[] = "user.vel.crtime"; // 8 bytes, most signifi
 constexpr int64_t ticks_per_second = 10'000'000;
 constexpr int64_t seconds_to_1970 = 11'644'473'600; // from 1601
 
+// Some file systems keep times of any year; those that no file time can tell become the nearest one that a calendar
+// can, in every time zone.
 uint64_t to_ticks(int64_t seconds, uint32_t nanoseconds) {
-    return static_cast<uint64_t>((seconds + seconds_to_1970) * ticks_per_second + nanoseconds / 100);
+    constexpr int64_t latest = 922'314'816'000 - seconds_to_1970; // 30827-12-30
+    const int64_t kept = std::clamp(seconds, -seconds_to_1970, latest);
+    return static_cast<uint64_t>((kept + seconds_to_1970) * ticks_per_second + nanoseconds / 100);
 }
 
 uint64_t to_ticks(const statx_timestamp& time) { return to_ticks(time.tv_sec, time.tv_nsec); }

@@ -53,8 +53,10 @@ uint32_t start(uint64_t handle, bool input, const void* buffer, uint64_t length,
     return error::io_pending;
 }
 
-// What was done at once leaves the record as a completion would.
-uint32_t conclude(OVERLAPPED& record, uint32_t code, uint64_t moved) {
+// Transfers at once; the record is left as by a completion.
+template <class Transfer>
+uint32_t at_once(OVERLAPPED& record, uint64_t& moved, Transfer transfer) {
+    const uint32_t code = transfer();
     record.Internal = code;
     record.InternalHigh = moved;
     if (record.hEvent) set_event(record.hEvent);
@@ -68,39 +70,41 @@ uint64_t offset_of(const OVERLAPPED& record) { return uint64_t{record.OffsetHigh
 } // namespace
 
 uint32_t overlapped_receive(uint64_t handle, void* buffer, uint64_t length, OVERLAPPED& record, uint64_t& moved) {
-    uint32_t code = start(handle, true, buffer, length, {}, record);
-    if (code != error::invalid_parameter) return code;
-    if (!is_file(handle)) return conclude(record, receive(handle, buffer, length, moved), moved);
-    code = read_file_at(reinterpret_cast<void*>(handle), buffer, length, offset_of(record), moved);
-    if (code == error::none && moved == 0 && length > 0) code = error::end_of_file;
-    return conclude(record, code, moved);
+    const uint32_t started = start(handle, true, buffer, length, {}, record);
+    if (started != error::invalid_parameter) return started;
+    return at_once(record, moved, [&] {
+        if (!is_file(handle)) return receive(handle, buffer, length, moved);
+        const uint32_t code = read_file_at(reinterpret_cast<void*>(handle), buffer, length, offset_of(record), moved);
+        return code == error::none && moved == 0 && length > 0 ? error::end_of_file : code;
+    });
 }
 
 uint32_t overlapped_send(uint64_t handle, const void* data, uint64_t length, OVERLAPPED& record, uint64_t& moved) {
-    const uint32_t code = start(handle, false, data, length, {}, record);
-    if (code != error::invalid_parameter) return code;
-    if (!is_file(handle)) return conclude(record, send(handle, data, length, moved), moved);
-    void* file = reinterpret_cast<void*>(handle);
-    return conclude(record, write_file_at(file, data, length, offset_of(record), moved), moved);
+    const uint32_t started = start(handle, false, data, length, {}, record);
+    if (started != error::invalid_parameter) return started;
+    return at_once(record, moved, [&] {
+        if (!is_file(handle)) return send(handle, data, length, moved);
+        return write_file_at(reinterpret_cast<void*>(handle), data, length, offset_of(record), moved);
+    });
 }
 
 uint32_t overlapped_receive_from(uint64_t socket, void* buffer, uint64_t length, void* address, int32_t* address_length,
                                  OVERLAPPED& record, uint64_t& moved) {
     if (is_file(socket)) return error::not_a_socket;
-    const uint32_t code = start(socket, true, buffer, length, {address, address_length, 0}, record);
-    if (code != error::invalid_parameter) return code;
+    const uint32_t started = start(socket, true, buffer, length, {address, address_length, 0}, record);
+    if (started != error::invalid_parameter) return started;
     int32_t none = 0;
     int32_t& room = address_length ? *address_length : none;
-    return conclude(record, receive_from(socket, buffer, length, address, room, moved), moved);
+    return at_once(record, moved, [&] { return receive_from(socket, buffer, length, address, room, moved); });
 }
 
 uint32_t overlapped_send_to(uint64_t socket, const void* data, uint64_t length, const void* address,
                             int32_t address_length, OVERLAPPED& record, uint64_t& moved) {
     if (is_file(socket)) return error::not_a_socket;
     const Address target{const_cast<void*>(address), nullptr, address_length};
-    const uint32_t code = start(socket, false, data, length, target, record);
-    if (code != error::invalid_parameter) return code;
-    return conclude(record, send_to(socket, data, length, address, address_length, moved), moved);
+    const uint32_t started = start(socket, false, data, length, target, record);
+    if (started != error::invalid_parameter) return started;
+    return at_once(record, moved, [&] { return send_to(socket, data, length, address, address_length, moved); });
 }
 
 } // namespace vel::os

@@ -14,6 +14,7 @@ uint32_t resolver_error(int error_number) {
     switch (error_number) {
     case EAI_NONAME: return error::host_not_found;
     case EAI_AGAIN: return error::resolver_try_again;
+    case EAI_ADDRFAMILY:
     case EAI_NODATA: return error::resolver_no_data;
     case EAI_MEMORY: return error::not_enough_memory;
     default: return error::resolver_failed;

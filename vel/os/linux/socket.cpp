@@ -105,10 +105,11 @@ uint32_t open_socket(int family, int type, int protocol, uint64_t& socket) {
 }
 
 uint32_t close_socket(uint64_t socket) {
-    void* handle = reinterpret_cast<void*>(socket);
-    if (HandleTable::kind(handle) != HandleKind::socket) return error::not_a_socket;
-    return close_handle(handle) ? error::not_a_socket : error::none;
+    if (!is_socket(socket)) return error::not_a_socket;
+    return close_handle(reinterpret_cast<void*>(socket)) ? error::not_a_socket : error::none;
 }
+
+bool is_socket(uint64_t handle) { return HandleTable::kind(reinterpret_cast<void*>(handle)) == HandleKind::socket; }
 
 uint32_t bind_socket(uint64_t socket, const void* address, int32_t length) {
     const PinnedSocket object = pin_socket(socket);
