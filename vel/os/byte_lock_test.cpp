@@ -8,8 +8,10 @@
 #include <thread>
 #include <vector>
 #include <vel/os/error_codes.h>
+#include <vel/os/event.h>
 #include <vel/os/handle.h>
 #include <vel/os/linux/testing/child_process.h>
+#include <vel/os/thread.h>
 #include <vel/testing/temporary_directory.h>
 
 namespace vel::os {
@@ -199,6 +201,26 @@ TYPED_TEST(ByteLock, NoStepIsLostBetweenHandlesThreadsAndProcesses) {
     ASSERT_EQ(content.size(), sizeof number);
     std::memcpy(&number, content.data(), sizeof number);
     EXPECT_EQ(number, 6u * steps);
+}
+
+uint32_t lock_first_byte(void* file) { return lock_range(file, 0, 1, true); }
+
+TYPED_TEST(ByteLock, AKilledWaiterHoldsUpNeitherTheNextNorTheClose) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the thread sanitizer never joins a killed thread";
+#endif
+    void* file = this->open();
+    ASSERT_EQ(this->try_lock(file, 0, 1), error::none);
+    void* thread = nullptr;
+    uint32_t id = 0, previous = 0;
+    ASSERT_EQ(create_thread(lock_first_byte, file, 0, thread, id), error::none);
+    resume_thread(thread, previous);
+    EXPECT_EQ(wait_handle(thread, 20), error::wait_timeout);
+    EXPECT_EQ(terminate_thread(thread, 1), error::none);
+    EXPECT_EQ(TypeParam::unlock(file, 0, 1), error::none);
+    EXPECT_EQ(this->try_lock(file, 0, 1), error::none);
+    close_handle(file);
+    close_handle(thread);
 }
 
 } // namespace

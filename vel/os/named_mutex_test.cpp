@@ -153,6 +153,39 @@ TYPED_TEST(MutexContract, AKilledThreadHandsItOn) {
     close_handle(holder.event);
 }
 
+uint32_t wait_for_ever(void* argument) {
+    auto* holder = static_cast<Holder*>(argument);
+    bool abandoned = false;
+    set_event(holder->event);
+    return acquire_mutex(holder->mutex, VEL_INFINITE, abandoned);
+}
+
+// Whether or not the thread had come to wait when it was killed.
+TYPED_TEST(MutexContract, AKilledWaiterHoldsUpNeitherTheNextNorTheClose) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the thread sanitizer never joins a killed thread";
+#endif
+    Holder holder{nullptr, nullptr};
+    create_event(false, false, holder.event);
+    for (int round = 0; round < 10; ++round) {
+        typename TestFixture::Mutex mutex(nullptr);
+        holder.mutex = mutex.handle;
+        EXPECT_EQ(mutex.acquire(0), error::none);
+        void* thread = nullptr;
+        uint32_t id = 0;
+        uint32_t previous = 0;
+        ASSERT_EQ(create_thread(wait_for_ever, &holder, 0, thread, id), error::none);
+        resume_thread(thread, previous);
+        EXPECT_EQ(wait_handle(holder.event, long_ms), error::none);
+        EXPECT_EQ(wait_handle(thread, 5), error::wait_timeout);
+        EXPECT_EQ(terminate_thread(thread, 1), error::none);
+        EXPECT_EQ(mutex.release(), error::none);
+        TestFixture::in_other_thread([&] { EXPECT_EQ(mutex.acquire(0) + mutex.release(), error::none); });
+        close_handle(thread);
+    }
+    close_handle(holder.event);
+}
+
 TYPED_TEST(MutexContract, AKilledProcessHandsItOnWithin100Ms) {
     for (int round = 0; round < 100; ++round) {
         const ObjectName name;

@@ -12,6 +12,7 @@
 #include <vel/os/file.h>
 #include <vel/os/linux/error.h>
 #include <vel/os/linux/file_object.h>
+#include <vel/os/linux/futex.h>
 
 namespace vel::os {
 namespace {
@@ -60,7 +61,7 @@ uint32_t ByteLocks::unlock(int descriptor, uint64_t offset, uint64_t length) {
     if (range == ranges_.end() || !range->granted) return error::not_locked;
     unlock_in_kernel(descriptor, offset, length);
     ranges_.erase(range);
-    freed_.notify_all();
+    announce();
     return error::none;
 }
 
@@ -69,7 +70,7 @@ void ByteLocks::close(int descriptor) {
     closed_ = true;
     for (const Range& range : ranges_)
         if (range.granted) unlock_in_kernel(descriptor, range.offset, range.length);
-    freed_.notify_all();
+    announce();
 }
 
 // Claims the range within this handle before the kernel is asked, which knows no difference between its threads.
@@ -77,7 +78,10 @@ uint32_t ByteLocks::reserve(uint64_t offset, uint64_t length, bool wait) {
     std::unique_lock hold(mutex_);
     while (!closed_ && overlaps(offset, length)) {
         if (!wait) return error::lock_violation;
-        freed_.wait(hold);
+        const uint32_t seen = changes_.load(std::memory_order_relaxed);
+        hold.unlock();
+        futex_wait(changes_, seen);
+        hold.lock();
     }
     if (closed_) return error::invalid_handle;
     try {
@@ -99,7 +103,7 @@ uint32_t ByteLocks::settle(int descriptor, uint64_t offset, uint64_t length, uin
         range->granted = true;
     } else {
         ranges_.erase(range);
-        freed_.notify_all();
+        announce();
     }
     return code;
 }
@@ -131,6 +135,12 @@ uint32_t ByteLocks::lock_in_kernel(int descriptor, uint64_t offset, uint64_t len
 void ByteLocks::unlock_in_kernel(int descriptor, uint64_t offset, uint64_t length) const {
     struct flock range = kernel_range(F_UNLCK, offset, length);
     ::fcntl(companion_ >= 0 ? companion_ : descriptor, F_OFD_SETLK, &range);
+}
+
+// Called with the lock.
+void ByteLocks::announce() {
+    changes_.fetch_add(1, std::memory_order_relaxed);
+    futex_wake_all(changes_);
 }
 
 bool ByteLocks::overlaps(uint64_t offset, uint64_t length) const {

@@ -7,7 +7,7 @@
 //  - the kernel's locks belong to the open file (not to the process), so two handles exclude each other everywhere.
 #pragma once
 
-#include <condition_variable>
+#include <atomic>
 #include <mutex>
 #include <vector>
 #include <vel/types.h>
@@ -37,11 +37,13 @@ private:
     uint32_t find_lock_descriptor(int descriptor, bool writable);
     uint32_t lock_in_kernel(int descriptor, uint64_t offset, uint64_t length, bool wait) const;
     void unlock_in_kernel(int descriptor, uint64_t offset, uint64_t length) const;
+    void announce();
     bool overlaps(uint64_t offset, uint64_t length) const;
     std::vector<Range>::iterator find(uint64_t offset, uint64_t length);
 
     std::mutex mutex_;
-    std::condition_variable freed_;
+    // Counts what waiters look for. A condition variable would wait at its end for a waiter that was killed.
+    std::atomic<uint32_t> changes_{0};
     std::vector<Range> ranges_; // guarded by mutex_
     bool closed_ = false;       // guarded by mutex_
 

@@ -6,6 +6,7 @@
 // tells the next owner. It is only a hint: any user may write it.
 #include <vel/os/named_mutex.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -26,6 +27,7 @@
 #include <vel/os/linux/deadline.h>
 #include <vel/os/linux/descriptor.h>
 #include <vel/os/linux/error.h>
+#include <vel/os/linux/futex.h>
 #include <vel/os/linux/handle_table.h>
 #include <vel/os/linux/mutex_owner.h>
 #include <vel/os/linux/named_object.h>
@@ -120,7 +122,8 @@ private:
     uint32_t shares_ = 1; // guarded by the registry's lock
 
     std::mutex mutex_;
-    std::condition_variable freed_;
+    // Counts. A condition variable would wait at its end for a waiter that was killed.
+    std::atomic<uint32_t> handed_on_{0};
     uint32_t owner_ = 0; // thread id, 0 for none
     uint32_t depth_ = 0;
 };
@@ -151,13 +154,12 @@ uint32_t Record::acquire(uint32_t timeout_ms, bool& abandoned) {
 
 bool Record::wait_until_free(std::unique_lock<std::mutex>& lock, const Deadline& deadline) {
     while (owner_ != 0) {
+        if (deadline.expired()) return false;
+        const uint32_t seen = handed_on_.load(std::memory_order_relaxed);
+        lock.unlock();
         timespec left;
-        if (const timespec* time = deadline.remaining(left)) {
-            const auto length = std::chrono::seconds(time->tv_sec) + std::chrono::nanoseconds(time->tv_nsec);
-            if (freed_.wait_for(lock, length) == std::cv_status::timeout && owner_ != 0) return false;
-        } else {
-            freed_.wait(lock);
-        }
+        futex_wait(handed_on_, seen, deadline.remaining(left));
+        lock.lock();
     }
     return true;
 }
@@ -165,7 +167,8 @@ bool Record::wait_until_free(std::unique_lock<std::mutex>& lock, const Deadline&
 void Record::hand_on() {
     owner_ = 0;
     depth_ = 0;
-    freed_.notify_one();
+    handed_on_.fetch_add(1, std::memory_order_relaxed);
+    futex_wake_all(handed_on_);
 }
 
 uint32_t Record::release() {
