@@ -182,8 +182,8 @@ TEST_F(Proactor, DroppedMessagesAreAnswered) {
         }
     }
     std::thread closer([&] { proactor->close(); });
-    while (proactor->sendMessage(5, dropped.front()) == 0) {
-    } // until it says that it is closing
+    const VEL_Message_Block probe(new Note(0), false);
+    while (proactor->sendMessage(5, probe) == 0) std::this_thread::yield(); // until it says that it is closing
     EXPECT_EQ(VELLib::GetErrorCode(), error::object_closed);
     go.add();
     for (const VEL_Message_Block& message : dropped) {

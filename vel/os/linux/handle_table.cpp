@@ -70,7 +70,8 @@ void* HandleTable::insert(int descriptor, HandleKind kind, std::unique_ptr<Handl
         ::close(descriptor);
         return nullptr;
     }
-    const uint64_t generation = (slot->word.load(std::memory_order_relaxed) >> generation_shift) + 1;
+    // Acquire: whoever held the number before has done with the slot once its word says so.
+    const uint64_t generation = (slot->word.load(std::memory_order_acquire) >> generation_shift) + 1;
     object->descriptor_ = descriptor;
     object->generation_ = static_cast<uint32_t>(generation & 0xFFFFFF);
     slot->object = object.release();
