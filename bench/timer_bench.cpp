@@ -91,6 +91,7 @@ public:
 
 private:
     asio::io_context context_{1};
+    asio::executor_work_guard<asio::io_context::executor_type> work_{context_.get_executor()}; // or it stops when idle
     asio::steady_timer timer_{context_};
     std::vector<std::unique_ptr<asio::steady_timer>> live_;
     Far far_;
