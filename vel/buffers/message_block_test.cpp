@@ -33,7 +33,8 @@ TEST_F(MessageBlock, TheLastHandleDeletesTheMessage) {
     VEL_Message_Block second = first;
     VEL_Message_Block third;
     third = second;
-    third = third;
+    VEL_Message_Block& itself = third;
+    third = itself;
     EXPECT_EQ(third, first);
     first.reset();
     second = VEL_Message_Block(new Counted(4), false);
