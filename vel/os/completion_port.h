@@ -1,8 +1,8 @@
 // Completion port: requests are started on associated handles and finish, exactly once each, at a waiting thread.
 //
-// Ownership: the starter keeps the request, its buffer and its addresses alive until the completion was taken; from a
-//            successful start to that moment only the port touches them. A failed start leaves no completion, and
-//            the request is the starter's again.
+// Ownership: the starter keeps the request, its buffer and its addresses alive until the completion was taken or the
+//            port was closed; from a successful start to that moment only the port touches them. A failed start
+//            leaves no completion, and the request is the starter's again.
 // Threads:   every call from any thread. A request outlives the thread that started it. Any number of threads may
 //            wait; a completion never waits for a busy thread while another one waits here.
 // Order:     requests of one direction of one handle complete in the order in which they were started; different

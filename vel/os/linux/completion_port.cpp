@@ -82,8 +82,9 @@ uint32_t PortObject::bind(PortBinding& binding, HandleObject& object, HandleKind
     binding.is_socket_ = kind == HandleKind::socket;
     for (PortDirection* direction : {&binding.input_, &binding.output_}) {
         direction->ready = true;
-        direction->ended = false;
+        direction->drain = false;
         direction->lane = PortDirection::Lane::idle;
+        direction->lane_owner = &binding;
     }
     if (!binding.is_socket_) return error::none;
     int type = 0;

@@ -57,7 +57,7 @@ uint32_t PortBinding::start(PortDirection& direction, IoRequest& request) {
     request.Internal = error::io_pending;
     request.InternalHigh = 0;
     if (is_socket_) return start_transfer(direction, request);
-    if (!port_->files().submit(direction, *this)) return error::no_system_resources;
+    if (!port_->files().submit(direction)) return error::no_system_resources;
     direction.append(request);
     return error::none;
 }
@@ -77,16 +77,17 @@ uint32_t PortBinding::start_transfer(PortDirection& direction, IoRequest& reques
 }
 
 void PortBinding::on_events(uint32_t events) {
-    const bool ended = events & (EPOLLHUP | EPOLLERR);
+    const bool broken = events & (EPOLLHUP | EPOLLERR);
     // The output first: a connect that failed wants the error before a receive takes it.
-    if (ended || (events & EPOLLOUT)) resume(output_, ended);
-    if (ended || (events & (EPOLLIN | EPOLLRDHUP))) resume(input_, ended || (events & EPOLLRDHUP));
+    if (broken || (events & EPOLLOUT)) resume(output_, broken);
+    const bool drain = broken || (events & (EPOLLRDHUP | EPOLLPRI));
+    if (drain || (events & EPOLLIN)) resume(input_, drain);
 }
 
-void PortBinding::resume(PortDirection& direction, bool ended) {
+void PortBinding::resume(PortDirection& direction, bool drain) {
     const Guard guard(direction.lock);
     direction.ready = true;
-    direction.ended |= ended;
+    direction.drain |= drain;
     for (int turn = 0; direction.head && direction.ready; ++turn) {
         uint32_t code = error::none;
         const bool whole_turn = turn == requests_per_turn;
@@ -100,8 +101,8 @@ void PortBinding::resume(PortDirection& direction, bool ended) {
 
 void PortBinding::finish_all(PortDirection& direction) {
     for (IoRequest* request = direction.take_all(); request;) {
-        IoRequest& ended = *std::exchange(request, request->next);
-        port_->finish(ended, error::operation_cancelled);
+        IoRequest& cancelled = *std::exchange(request, request->next);
+        port_->finish(cancelled, error::operation_cancelled);
     }
 }
 
@@ -132,7 +133,7 @@ bool PortBinding::renew(HandleObject& owner) {
     if (!input || !output) return false;
     if (!port_) return true;
     input_.ready = output_.ready = true;
-    input_.ended = output_.ended = false;
+    input_.drain = output_.drain = false;
     return port_->events().add(descriptor_, PortEvents::tag_of(owner)) == 0;
 }
 

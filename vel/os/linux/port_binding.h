@@ -29,7 +29,7 @@ inline IoKind kind_of(const IoRequest& request) { return static_cast<IoKind>(req
 struct PortDirection {
     ShortLock lock;
     bool ready = true;  // worth a try; false (dry) until the next edge
-    bool ended = false; // hang-up or error seen: a short read does not make the direction dry
+    bool drain = false; // hang-up, error or urgent data seen: more may follow a short read without another edge
     IoRequest* head = nullptr;
     IoRequest* tail = nullptr;
 
@@ -40,6 +40,9 @@ struct PortDirection {
     PortBinding* lane_owner = nullptr;
     PortDirection* next_lane = nullptr;
     std::atomic<uint32_t> lane_busy{0}; // 1 while a pool thread uses the direction
+
+    /// The system has nothing more to give or to take for now.
+    void run_dry() { ready = drain = false; }
 
     void append(IoRequest& request);
     IoRequest* take_first();
@@ -82,7 +85,7 @@ private:
 
     uint32_t start(PortDirection& direction, IoRequest& request);
     uint32_t start_transfer(PortDirection& direction, IoRequest& request);
-    void resume(PortDirection& direction, bool ended);
+    void resume(PortDirection& direction, bool drain);
     void finish_all(PortDirection& direction);
     void refuse_starts();
 

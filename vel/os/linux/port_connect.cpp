@@ -9,7 +9,7 @@
 #include <vel/os/error_codes.h>
 #include <vel/os/linux/completion_port.h>
 #include <vel/os/linux/error.h>
-#include <vel/os/linux/handle_table.h>
+#include <vel/os/linux/socket_object.h>
 
 namespace vel::os {
 namespace {
@@ -88,7 +88,7 @@ int connect_once(int descriptor, const IoRequest& request) {
 } // namespace
 
 bool perform_accept(const PortBinding& binding, PortDirection& direction, IoRequest& request, uint32_t& error) {
-    const Pinned<HandleObject> prepared(request.accept_socket, HandleKind::socket);
+    const Pinned<SocketObject> prepared(request.accept_socket, HandleKind::socket);
     if (!prepared || prepared->generation() != request.accept_socket_generation) {
         error = error::not_a_socket;
         return true;
@@ -96,7 +96,7 @@ bool perform_accept(const PortBinding& binding, PortDirection& direction, IoRequ
     binding.port().reserve().fill(binding.port().descriptor());
     const int accepted = accept_at_limit(binding, request.address, prepared->descriptor());
     if (accepted < 0 && errno == EAGAIN) {
-        direction.ready = direction.ended = false;
+        direction.run_dry();
         return false;
     }
     if (accepted < 0) {
@@ -107,20 +107,21 @@ bool perform_accept(const PortBinding& binding, PortDirection& direction, IoRequ
         socklen_t length = address_bytes;
         ::getsockname(accepted, static_cast<sockaddr*>(request.local_address), &length);
     }
-    if (!prepared->port_binding()->renew(*prepared)) error = error::socket_invalid;
+    prepared->nonblocking = false; // the new connection is blocking, whatever the prepared socket was
+    if (!prepared->port.renew(*prepared)) error = error::socket_invalid;
     return true;
 }
 
 bool perform_connect(const PortBinding& binding, PortDirection& direction, IoRequest& request, uint32_t& error) {
     if (kind_of(request) == IoKind::connecting) {
         if (connect_has_ended(binding.descriptor(), error)) return true;
-        direction.ready = direction.ended = false;
+        direction.run_dry();
         return false;
     }
     const int error_number = connect_once(binding.descriptor(), request);
     if (error_number == EINPROGRESS || error_number == EINTR) {
         request.kind = static_cast<uint8_t>((request.kind & proxy_bit) | static_cast<uint8_t>(IoKind::connecting));
-        direction.ready = direction.ended = false;
+        direction.run_dry();
         return false;
     }
     if (error_number) error = socket_error(error_number);

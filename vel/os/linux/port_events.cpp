@@ -13,7 +13,7 @@ namespace {
 
 constexpr int batch_size = 256;
 constexpr uint64_t latch_tag = ~uint64_t{0};
-constexpr uint32_t socket_events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
+constexpr uint32_t socket_events = EPOLLIN | EPOLLPRI | EPOLLOUT | EPOLLRDHUP | EPOLLET;
 
 void deliver(const epoll_event& event) {
     if (event.data.u64 == latch_tag) return;

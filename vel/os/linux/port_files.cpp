@@ -41,10 +41,9 @@ uint32_t transfer(int descriptor, IoRequest& request) {
 
 } // namespace
 
-bool FilePool::submit(PortDirection& direction, PortBinding& owner) {
+bool FilePool::submit(PortDirection& direction) {
     const std::lock_guard guard(lock_);
     if (idle_ == 0 && !add_thread() && thread_count_ == 0) return false;
-    direction.lane_owner = &owner;
     if (direction.lane == PortDirection::Lane::idle) enqueue(direction);
     direction.lane_again = true;
     return true;

@@ -20,7 +20,7 @@ public:
     FilePool& operator=(const FilePool&) = delete;
 
     /// The direction gets a request. False when there is no thread to serve it.
-    bool submit(PortDirection& direction, PortBinding& owner);
+    bool submit(PortDirection& direction);
 
     /// Serves both directions no more; a transfer that is under way goes on.
     void withdraw(PortDirection& input, PortDirection& output);

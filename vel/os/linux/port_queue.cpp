@@ -21,11 +21,19 @@ constexpr uint64_t slow_takes_per_period = 16;
 
 constexpr uint32_t quiet_periods_to_rest = 8;
 
-// The port for which this thread counts as running.
-thread_local struct {
-    uint64_t port = 0;
-    uint32_t epoch = 0;
-} running_for;
+// The ports for which this thread counts as running: more than one when a handler waits at another port. One too many
+// is forgotten; its port then counts the thread until the watchdog finds out.
+struct RunningFor {
+    uint64_t port;
+    uint32_t epoch;
+};
+thread_local RunningFor running_for[4];
+
+RunningFor& running_for_port(uint64_t port) {
+    for (RunningFor& each : running_for)
+        if (each.port == port) return each;
+    return running_for[0];
+}
 
 uint64_t next_port_id() {
     static std::atomic<uint64_t> last{0};
@@ -123,13 +131,14 @@ IoRequest* PortQueue::close() {
 uint32_t PortQueue::awake() const { return running_ + waking_ + (leader_ && !leader_sleeps() ? 1 : 0); }
 
 void PortQueue::come_back() {
-    if (running_for.port == id_ && running_for.epoch == epoch_) --running_;
-    running_for.port = 0;
+    RunningFor& mine = running_for_port(id_);
+    if (mine.port != id_) return;
+    mine.port = 0;
+    if (mine.epoch == epoch_) --running_;
 }
 
 PortQueue::Wake PortQueue::go_out() {
-    running_for.port = id_;
-    running_for.epoch = epoch_;
+    running_for_port(0) = {id_, epoch_};
     ++running_;
     ++taken_;
     ++taken_since_poll_;

@@ -1,6 +1,7 @@
 // A descriptor kept in hand for the moment in which none is to be had.
 #pragma once
 
+#include <cerrno>
 #include <fcntl.h>
 #include <mutex>
 #include <unistd.h>
@@ -23,7 +24,8 @@ public:
         refill(any_open);
     }
 
-    /// Runs the call with the number set free; the call gives its own descriptors back. -1 when none was held.
+    /// Runs the call with the number set free; the call gives its own descriptors back. Gives its result and errno,
+    /// or -1 when none was held.
     template <class Call>
     int lend(int any_open, Call call) {
         const std::lock_guard guard(lock_);
@@ -31,7 +33,9 @@ public:
         ::close(held_);
         held_ = -1;
         const int result = call();
+        const int error_number = errno;
         refill(any_open);
+        errno = error_number;
         return result;
     }
 

@@ -27,7 +27,7 @@ ssize_t retry(Call call) {
 
 bool is_dry(PortDirection& direction) {
     if (errno != EAGAIN) return false;
-    direction.ready = direction.ended = false;
+    direction.run_dry();
     return true;
 }
 
@@ -52,7 +52,7 @@ bool receive_stream(const PortBinding& binding, PortDirection& direction, IoRequ
     }
     request.InternalHigh = static_cast<uint64_t>(got);
     // A short read has emptied the socket, and what comes later is a new edge; unless the end has been seen.
-    if (got > 0 && request.InternalHigh < request.length && !direction.ended) direction.ready = false;
+    if (got > 0 && request.InternalHigh < request.length && !direction.drain) direction.ready = false;
     return true;
 }
 

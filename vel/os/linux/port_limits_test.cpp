@@ -1,0 +1,73 @@
+// The completion port where Linux has its own edges: descriptor limits and urgent data.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vel/testing/completion_port_fixture.h>
+
+namespace vel::os::testing {
+namespace {
+
+using SystemCompletionPort = CompletionPort<SystemPort>;
+
+void limit_descriptors(rlim_t count) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = count;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) ::_exit(50);
+}
+
+rlim_t lowest_free_descriptor() {
+    const int lowest = ::dup(2);
+    ::close(lowest);
+    return static_cast<rlim_t>(lowest);
+}
+
+// Runs in a process of its own; the exit code is the number of the step that failed.
+[[noreturn]] void accept_at_the_descriptor_limit() {
+    void* port = nullptr;
+    create_port(1, port);
+    Address address, local, remote;
+    const uint64_t listener = open_listener(address);
+    associate(port, reinterpret_cast<void*>(listener), 1);
+    uint64_t prepared[3], clients[3];
+    for (int i = 0; i < 3; ++i) {
+        open_socket(ipv4, stream, 0, prepared[i]);
+        open_socket(ipv4, stream, 0, clients[i]);
+    }
+    Request accept;
+    Completion completion;
+    const auto start = [&](int i) { return start_accept(listener, accept, prepared[i], &local, &remote); };
+    if (start(0) != 0) ::_exit(1);
+    limit_descriptors(lowest_free_descriptor());
+    for (uint64_t client : clients) connect_socket(client, &address, sizeof address);
+    // The prepared socket is a descriptor already: at the limit there is still room for its connection.
+    if (wait_completion(port, patience_ms, completion) != 0 || completion.error != 0) ::_exit(2);
+    if (start(1) != 0 || wait_completion(port, patience_ms, completion) != 0 || completion.error != 0) ::_exit(3);
+    limit_descriptors(3);
+    if (start(2) != 0 || wait_completion(port, patience_ms, completion) != 0) ::_exit(4);
+    if (completion.error != error::too_many_sockets) ::_exit(5);
+    limit_descriptors(100); // the connection has not been lost meanwhile
+    if (start(2) != 0 || wait_completion(port, patience_ms, completion) != 0 || completion.error != 0) ::_exit(6);
+    ::_exit(0);
+}
+
+TEST(CompletionPortLimits, AcceptOutOfDescriptorsIsReportedAndLosesNoConnection) {
+    EXPECT_EXIT(accept_at_the_descriptor_limit(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(SystemCompletionPort, UrgentDataDoesNotHideWhatFollowsIt) {
+    const Pair pair = connected(1);
+    const int client = static_cast<int>(pair.client);
+    Request before, after;
+    ASSERT_EQ(::send(client, "ab", 2, 0), 2);
+    ASSERT_EQ(::send(client, "!", 1, MSG_OOB), 1);
+    ASSERT_EQ(::send(client, "cd", 2, 0), 2);
+    ASSERT_EQ(receive(pair.server, before), 0u);
+    EXPECT_EQ(before.data.substr(0, take().bytes), "ab"); // a receive stops at the mark
+    ASSERT_EQ(receive(pair.server, after), 0u);
+    EXPECT_EQ(after.data.substr(0, take().bytes), "cd");
+}
+
+} // namespace
+} // namespace vel::os::testing

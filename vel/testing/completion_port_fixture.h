@@ -1,0 +1,198 @@
+// Vocabulary of the completion port's contract tests: back ends, requests, sockets and workers.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <vector>
+#include <vel/os/completion_port.h>
+#include <vel/os/error_codes.h>
+#include <vel/os/handle.h>
+#include <vel/os/socket.h>
+
+namespace vel::os::testing {
+
+inline constexpr int ipv4 = 2;
+inline constexpr int stream = 1;
+inline constexpr int datagram = 2;
+inline constexpr uint32_t patience_ms = 20000;
+
+// The 16-byte record; port and host in network order.
+struct Address {
+    uint16_t family = ipv4;
+    uint16_t port = 0;
+    std::array<uint8_t, 4> host{127, 0, 0, 1};
+    std::array<uint8_t, 8> zero{};
+};
+
+// The system's own port. Another back end is a struct with the same names.
+struct SystemPort {
+    static constexpr auto create = create_port;
+    static constexpr auto close = close_port;
+    static constexpr auto associate = os::associate;
+    static constexpr auto wait = wait_completion;
+    static constexpr auto receive = start_receive;
+    static constexpr auto send = start_send;
+    static constexpr auto receive_from = start_receive_from;
+    static constexpr auto send_to = start_send_to;
+    static constexpr auto accept = start_accept;
+    static constexpr auto connect = start_connect;
+    static uint32_t post(void* port, IoRequest& request, uint64_t bytes, uint32_t key) {
+        return post_completion(port, request, bytes, key);
+    }
+    static uint32_t post_record(void* port, OVERLAPPED* record, uint64_t bytes, uint32_t key) {
+        return post_completion(port, record, bytes, key);
+    }
+};
+
+// A request with its buffer, and what its completion said.
+struct Request : IoRequest {
+    explicit Request(size_t size = 64) : IoRequest{}, data(size, '\0') {}
+    std::string data;
+    std::atomic<int> completions{0};
+};
+
+struct Pair {
+    uint64_t client = VEL_INVALID_SOCKET;
+    uint64_t server = VEL_INVALID_SOCKET;
+};
+
+inline uint64_t open_bound(int type, Address& address) {
+    uint64_t socket = VEL_INVALID_SOCKET;
+    EXPECT_EQ(open_socket(ipv4, type, 0, socket), 0u);
+    EXPECT_EQ(bind_socket(socket, &address, sizeof address), 0u);
+    int32_t length = sizeof address;
+    EXPECT_EQ(local_name(socket, &address, length), 0u);
+    return socket;
+}
+
+inline uint64_t open_listener(Address& address) {
+    const uint64_t listener = open_bound(stream, address);
+    EXPECT_EQ(listen_socket(listener), 0u);
+    return listener;
+}
+
+inline uint64_t connect_to(const Address& address) {
+    uint64_t socket = VEL_INVALID_SOCKET;
+    EXPECT_EQ(open_socket(ipv4, stream, 0, socket), 0u);
+    EXPECT_EQ(connect_socket(socket, &address, sizeof address), 0u);
+    return socket;
+}
+
+inline void send_text(uint64_t socket, const std::string& text) {
+    uint64_t moved = 0;
+    ASSERT_EQ(os::send(socket, text.data(), text.size(), moved), 0u);
+    ASSERT_EQ(moved, text.size());
+}
+
+// Calls `step` until it gives true or patience ends.
+inline bool eventually(const std::function<bool()>& step) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(patience_ms);
+    while (!step()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+template <class Back>
+class CompletionPort : public ::testing::Test {
+protected:
+    static constexpr uint32_t stop_key = 0xFFFF;
+    using Handler = std::function<void(const Completion&)>;
+
+    // Threads that take completions until one with the stop key comes.
+    class Workers {
+    public:
+        Workers(void* port, int count, Handler handler) : port_(port) {
+            for (int i = 0; i < count; ++i) threads_.emplace_back([port, handler] { run(port, handler); });
+        }
+        ~Workers() { stop(); }
+        void stop() {
+            for (size_t i = 0; i < threads_.size(); ++i) Back::post_record(port_, nullptr, 0, stop_key);
+            for (auto& thread : threads_) thread.join();
+            threads_.clear();
+        }
+
+    private:
+        static void run(void* port, const Handler& handler) {
+            Completion completion;
+            while (Back::wait(port, VEL_INFINITE, completion) == 0 && completion.key != stop_key) handler(completion);
+        }
+        void* port_;
+        std::vector<std::thread> threads_;
+    };
+
+    void SetUp() override {
+        handles_before_ = open_handle_count();
+        ASSERT_EQ(Back::create(4, port_), 0u);
+    }
+
+    void TearDown() override {
+        EXPECT_EQ(Back::close(port_), 0u);
+        for (const uint64_t socket : sockets_) close_socket(socket);
+        EXPECT_EQ(open_handle_count(), handles_before_);
+    }
+
+    uint64_t keep(uint64_t socket) {
+        sockets_.push_back(socket);
+        return socket;
+    }
+
+    // A connection whose server end is associated with the port.
+    Pair connected(uint32_t key) {
+        Address address;
+        const uint64_t listener = open_listener(address);
+        Pair pair;
+        pair.client = keep(connect_to(address));
+        int32_t length = sizeof address;
+        EXPECT_EQ(accept_socket(listener, &address, length, pair.server), 0u);
+        keep(pair.server);
+        close_socket(listener);
+        associate(pair.server, key);
+        return pair;
+    }
+
+    uint64_t bound_datagram(Address& address, uint32_t key) {
+        const uint64_t socket = keep(open_bound(datagram, address));
+        associate(socket, key);
+        return socket;
+    }
+
+    void associate(uint64_t socket, uint32_t key) {
+        ASSERT_EQ(Back::associate(port_, reinterpret_cast<void*>(socket), key), 0u);
+    }
+
+    Completion take() {
+        Completion completion{};
+        EXPECT_EQ(Back::wait(port_, patience_ms, completion), 0u);
+        return completion;
+    }
+
+    void expect_empty() {
+        Completion completion{};
+        EXPECT_EQ(Back::wait(port_, 0, completion), error::wait_timeout);
+    }
+
+    uint32_t receive(uint64_t socket, Request& request) {
+        return Back::receive(socket, request, request.data.data(), request.data.size());
+    }
+
+    uint32_t send(uint64_t socket, Request& request) {
+        return Back::send(socket, request, request.data.data(), request.data.size());
+    }
+
+    void* port_ = nullptr;
+
+private:
+    std::vector<uint64_t> sockets_;
+    uint64_t handles_before_ = 0;
+};
+
+using CompletionPortBackEnds = ::testing::Types<SystemPort>;
+
+} // namespace vel::os::testing
