@@ -248,14 +248,15 @@ void ThreadObject::wait_for_answer(uint32_t answers_before) {
     }
 }
 
-// A signal that comes while the handler is on its way out is taken before the thread runs on.
+// A signal that comes while the handler is on its way out is taken before the thread runs on. A thread whose entry
+// function has returned is not held any more: its owner is told that it has ended and would never resume it.
 void ThreadObject::obey_signal() {
     uint32_t word = control_.load(std::memory_order_seq_cst);
     if (!(word & passed_gate)) return; // the gate looks at the word itself
     if (returned()) return;            // too late: no resume would reach the thread any more
     parked_.store(true, std::memory_order_seq_cst);
     answer();
-    while (!(word & killed) && (word & count_mask)) {
+    while (!(word & killed) && (word & count_mask) && lives()) {
         futex_wait(control_, word);
         word = control_.load(std::memory_order_seq_cst);
     }
