@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
@@ -12,6 +13,7 @@
 #include <vel/os/error_codes.h>
 #include <vel/os/linux/testing/child_process.h>
 #include <vel/platform/directories.h>
+#include <vel/testing/failing_allocations.h>
 #include <vel/testing/temporary_directory.h>
 
 namespace {
@@ -240,6 +242,34 @@ TEST_F(Files, CreatedirDoesNotMindAnotherMakingTheSame) {
         for (std::thread& thread : threads) thread.join();
         for (const int result : results) ASSERT_EQ(result, 0);
     }
+}
+
+// Each call of the list with one more allocation granted at a time.
+TEST_F(Files, ShortMemoryIsACodeWhereverItStrikes) {
+    const std::string from = directory_.file("from", std::string(100, 'x')), to = directory_.path("a/b/c/to");
+    const std::string moved = directory_.path("d/moved"), tree = directory_.path("a");
+    char buffer[300];
+    void* file = VEL_INVALID_HANDLE;
+    const std::function<bool()> calls[] = {
+        [&] { return (file = VELLib::create(to.c_str(), true, 0)) != VEL_INVALID_HANDLE; },
+        [&] { return VELLib::flock(file, 0, 1, nullptr, true) == 0; },
+        [&] { return VELLib::close(file) == 0; },
+        [&] { return VELLib::copyfile(from.c_str(), to.c_str()) == 0; },
+        [&] { return VELLib::movefile(from.c_str(), moved.c_str()) == 0; },
+        [&] { return VELLib::deletedir(tree.c_str()) == 0; },
+        [&] { return VELLib::getmodpath(buffer, sizeof buffer) > 0; },
+    };
+    int refused = 0;
+    for (const auto& call : calls) {
+        bool worked = false;
+        const auto failed = [&] {
+            EXPECT_TRUE(worked || VELLib::GetErrorCode() == error::not_enough_memory) << VELLib::GetErrorCode();
+            return !worked;
+        };
+        refused += vel::testing::fail_each_allocation([&] { worked = call(); }, failed);
+    }
+    EXPECT_GE(refused, 10);
+    EXPECT_EQ(content_of(moved), std::string(100, 'x'));
 }
 
 TEST(ModulePath, NeedsRoomForItsTerminator) {
