@@ -47,11 +47,21 @@ int fail_each_allocation(Call call, Failed failed) {
 
 } // namespace vel::testing
 
-// Not inlined: a compiler that looks inside takes the pair for mismatched.
+// Not inlined: a compiler that looks inside takes the pair for mismatched. The whole family, since the address
+// sanitizer would supply the rest by operators of its own.
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return vel::testing::FailingAllocations::refuse() ? nullptr : std::malloc(size ? size : 1);
+}
 [[gnu::noinline]] void* operator new(std::size_t size) {
-    void* block = vel::testing::FailingAllocations::refuse() ? nullptr : std::malloc(size ? size : 1);
+    void* block = operator new(size, std::nothrow);
     if (!block) throw std::bad_alloc();
     return block;
 }
 [[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
 [[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { operator delete(block); }
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return operator new(size, std::nothrow); }
+void operator delete[](void* block) noexcept { operator delete(block); }
+void operator delete[](void* block, std::size_t) noexcept { operator delete(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { operator delete(block); }

@@ -32,6 +32,7 @@ uint32_t take_signals_late(void*) {
 }
 
 TEST(ThreadExit, ASignalThatComesTooLateDoesNotParkTheThread) {
+    started = leave = false;
     ASSERT_EQ(create_slot([](void*) { change_every_signal(SIG_UNBLOCK); }, slot), error::none);
     void* thread = nullptr;
     uint32_t id = 0, previous = 0;
