@@ -11,58 +11,36 @@
 namespace vel::os {
 namespace {
 
-class WaitableDescriptor : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_EQ(create_event(true, false, handle_), 0u);
-        event_ = pin_waitable(handle_);
-    }
-    void TearDown() override {
-        HandleTable::unpin(event_);
-        close_handle(handle_);
-    }
-    bool readable(int timeout_ms = 0) {
-        pollfd waited{event_->descriptor(), POLLIN, 0};
+TEST(WaitableDescriptor, LastSetReachesThePollerWhateverWasSettledMeanwhile) {
+    void* handle = nullptr;
+    ASSERT_EQ(create_event(true, false, handle), 0u);
+    Waitable* event = pin_waitable(handle);
+    const auto readable = [&](int timeout_ms) {
+        pollfd waited{event->descriptor(), POLLIN, 0};
         return ::poll(&waited, 1, timeout_ms) == 1;
-    }
-    void* handle_ = nullptr;
-    Waitable* event_ = nullptr;
-};
-
-TEST_F(WaitableDescriptor, IsWrittenOnlyWhenSomebodyMaySeeIt) {
-    event_->set();
-    EXPECT_FALSE(readable());
-    event_->add_watcher();
-    EXPECT_TRUE(readable());
-    event_->reset();
-    EXPECT_TRUE(readable()); // stale until a watcher settles it
-    EXPECT_FALSE(event_->settle());
-    EXPECT_FALSE(readable());
-    event_->set();
-    EXPECT_TRUE(readable());
-    EXPECT_TRUE(event_->settle());
-    EXPECT_TRUE(readable());
-    event_->remove_watcher();
-}
-
-TEST_F(WaitableDescriptor, LastSetReachesThePollerWhateverWasSettledMeanwhile) {
-    event_->add_watcher();
+    };
+    event->set();
+    EXPECT_FALSE(readable(0)) << "written though nobody watches";
+    event->add_watcher();
+    EXPECT_TRUE(readable(0));
     std::atomic<bool> stop{false};
     std::thread settlers[2];
     for (std::thread& settler : settlers)
         settler = std::thread([&] {
-            while (!stop) event_->settle();
+            while (!stop) event->settle();
         });
     for (int round = 0; round < 20000; ++round) {
-        event_->set();
+        event->set();
         ASSERT_TRUE(readable(10000)) << "round " << round;
-        event_->reset();
+        event->reset();
     }
     stop = true;
     for (std::thread& settler : settlers) settler.join();
-    event_->settle();
-    EXPECT_FALSE(readable());
-    event_->remove_watcher();
+    event->settle();
+    EXPECT_FALSE(readable(0));
+    event->remove_watcher();
+    HandleTable::unpin(event);
+    close_handle(handle);
 }
 
 } // namespace
