@@ -28,8 +28,7 @@ int VEL_Socket::open(int family, int type, int protocol) {
 }
 
 int VEL_Socket::attach(uint64_t socket) {
-    socket_ = socket;
-    peer_closed_ = false; // it was said of the socket held before
+    socket_ = socket; // and nothing else: only `close` forgets that a peer has closed, on purpose
     return 0;
 }
 

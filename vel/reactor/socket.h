@@ -33,7 +33,7 @@ public:
     /// Opens a socket as VELLib::socket does; one held before is not closed. Returns 0 or -1.
     int open(int family, int type, int protocol);
 
-    /// Takes over an open socket, of which nothing is known about the peer yet. Returns 0.
+    /// Takes over an open socket as it is; the mark of a peer that has closed stays until `close`. Returns 0.
     int attach(uint64_t socket);
     void close();
 
