@@ -74,20 +74,11 @@ void write_again(const Found& found, const uint8_t* bytes, uint64_t size) {
 
 /// Looks for the id under every type, from wherever the search before ended.
 void search(VEL_InputCDR& in, uint32_t id) {
-    auto find = [&](auto value) {
-        const int size = in.get_value(id, value);
-        require(size == -1 || size >= 9);
+    const auto find = [&](auto... values) {
+        for (const int size : {in.get_value(id, values)...}) require(size == -1 || size >= 9);
     };
-    find(uint8_t{});
-    find(uint16_t{});
-    find(uint32_t{});
-    find(uint64_t{});
-    find(float{});
-    find(double{});
-    find(std::string());
-    find(std::wstring());
-    find(VEL_Byte_Block());
-    find(VEL_Bitfield());
+    find(uint8_t{}, uint16_t{}, uint32_t{}, uint64_t{}, float{}, double{});
+    find(std::string(), std::wstring(), VEL_Byte_Block(), VEL_Bitfield());
 }
 
 } // namespace

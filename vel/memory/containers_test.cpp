@@ -1,11 +1,11 @@
-// List, queue and hash map.
+// List and hash map.
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
 #include <vector>
 #include <vel/memory/hash_map.h>
-#include <vel/memory/queue.h>
+#include <vel/memory/list.h>
 
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor" // VEL_HFunc has no virtual destructor, so neither has what derives
 
@@ -34,8 +34,6 @@ TEST(List, LinksStayWholeThroughEveryKindOfChange) {
     for (int value : {4, 3, 1}) EXPECT_EQ(list.remove_value(value), 0); // first, last, middle
     EXPECT_EQ(values(list), (std::vector<int>{2, 9}));
     EXPECT_EQ(backwards(list), (std::vector<int>{9, 2}));
-    EXPECT_EQ(list.size(), 2u);
-    EXPECT_EQ(list.find(9), 0);
     VELLib::SetErrorCode(42);
     EXPECT_EQ(list.find(1), -1);
     EXPECT_EQ(list.remove_value(1), -1);
@@ -43,18 +41,14 @@ TEST(List, LinksStayWholeThroughEveryKindOfChange) {
 }
 
 TEST(List, CopiesAreDeepAndMovesEmptyTheSource) {
-    VEL_List<std::unique_ptr<int>> pointers; // a type that cannot be copied
-    EXPECT_EQ(pointers.push_back(std::make_unique<int>(5)), 0);
-    VEL_List<int> list;
+    VEL_List<int> list, copy;
     list.push_back(1);
-    VEL_List<int> copy = list;
+    copy = list;
     list.push_back(2);
     EXPECT_EQ(values(copy), (std::vector<int>{1}));
-    copy = list;
-    EXPECT_EQ(values(copy), (std::vector<int>{1, 2}));
-    VEL_List<int> moved = std::move(copy);
-    EXPECT_EQ(values(moved), (std::vector<int>{1, 2}));
-    EXPECT_TRUE(copy.is_empty()); // NOLINT: what moving leaves behind is the point
+    VEL_List<int> moved = std::move(list);
+    EXPECT_EQ(backwards(moved), (std::vector<int>{2, 1}));
+    EXPECT_TRUE(list.is_empty()); // NOLINT: what moving leaves behind is the point
 }
 
 struct Fussy {
@@ -82,59 +76,19 @@ TEST(Containers, FailedInsertionReportsItsCodeAndChangesNothing) {
     }
     Fussy::fail_with = 0;
     EXPECT_TRUE(list.is_empty());
-    EXPECT_TRUE(map.is_empty());
     EXPECT_EQ(map.find(1), nullptr);
-}
-
-TEST(Queue, IsFirstInFirstOutAndSilentWhenEmpty) {
-    VEL_Queue<int> queue;
-    queue.enqueue(1);
-    queue.enqueue(2);
-    int value = 0;
-    for (int expected : {1, 2}) {
-        EXPECT_EQ(*queue.peek(), expected);
-        EXPECT_EQ(queue.dequeue(value), 0);
-        EXPECT_EQ(value, expected);
-    }
-    VELLib::SetErrorCode(42);
-    EXPECT_EQ(queue.dequeue(value), -1);
-    EXPECT_EQ(queue.peek(), nullptr);
-    EXPECT_EQ(VELLib::GetErrorCode(), 42u);
-}
-
-// The code of the exception that a map with this number of buckets raises.
-uint32_t refused_table(uint64_t buckets) {
-    try {
-        VEL_Hash_Map<int, int> map(buckets);
-        return 0;
-    } catch (const VEL_Exception& exception) {
-        return exception.GetErrorCode();
-    }
 }
 
 TEST(HashMap, CreatesItsTableAtTheFirstInsertionOrAtOnce) {
     VEL_Hash_Map<int, int> late;
     EXPECT_EQ(late.bucket_count(), 0u);
-    EXPECT_EQ(late.find(1), nullptr);
     EXPECT_EQ(late.unbind(1), -1);
     EXPECT_EQ(late.bind(1, 2), 0);
     EXPECT_EQ(late.bucket_count(), 32749u);
-    EXPECT_EQ((VEL_Hash_Map<int, int>(67).bucket_count()), 67u);
-    EXPECT_EQ(refused_table(0), 0x2000000Bu);
-    EXPECT_EQ(refused_table(UINT64_MAX / 4), 8u) << "the size of the table wraps";
-}
-
-TEST(HashMap, NewestOfEqualKeysIsFoundFirst) {
-    VEL_Hash_Map<std::string, int> map(3);
-    map.bind("a", 1);
-    map.bind("b", 2);
-    map.bind("a", 3);
-    EXPECT_EQ(*map.find("a"), 3);
-    int value = 0;
-    EXPECT_EQ(map.unbind("a", value), 0);
-    EXPECT_EQ(value, 3);
-    EXPECT_EQ(*map.find("a"), 1);
-    EXPECT_EQ(map.size(), 2u);
+    EXPECT_EQ(late.bind(1, 3), 0);
+    EXPECT_EQ(*late.find(1), 3) << "the newest of equal keys";
+    EXPECT_THROW((VEL_Hash_Map<int, int>(0)), VEL_Exception);
+    EXPECT_THROW((VEL_Hash_Map<int, int>(UINT64_MAX / 4)), VEL_Exception) << "the size of the table wraps";
 }
 
 class WrongHash : public VEL_HFunc {

@@ -50,27 +50,6 @@ TEST(ProcessMutex, TellsWhoHoldsItByItsCodes) {
     EXPECT_EQ(mutex.release() + mutex.release(), 0);
 }
 
-TEST(ProcessMutex, OpenAndClosedHandles) {
-    const uint64_t before = vel::os::open_handle_count();
-    {
-        VEL_Process_Mutex closed(nullptr, false);
-        EXPECT_EQ(closed.acquire(), -1);
-        EXPECT_EQ(VELLib::GetErrorCode(), 6u);
-        EXPECT_EQ(closed.release(), -1);
-        EXPECT_EQ(closed.acquire_read(), -1);
-        EXPECT_EQ(VELLib::GetErrorCode(), 0x20000003u);
-        EXPECT_EQ(closed.open_mutex(nullptr), 0) << "unnamed";
-        EXPECT_EQ(closed.acquire(), 0);
-        VEL_Process_Mutex copy = closed;
-        closed.close_mutex();
-        closed.close_mutex();
-        EXPECT_EQ(copy.release(), 0) << "the copy keeps the mutex alive";
-        copy = closed;
-        EXPECT_EQ(copy.acquire(), -1);
-    }
-    EXPECT_EQ(vel::os::open_handle_count(), before);
-}
-
 TEST(SharedMemory, ProcessesSeeTheSameBytesUnderOneLock) {
     const std::string name = unique_name();
     const auto count_up = [&](VEL_Shared_Memory& block) {
@@ -93,8 +72,6 @@ TEST(SharedMemory, ProcessesSeeTheSameBytesUnderOneLock) {
     const uint64_t page = vel::os::page_size();
     EXPECT_EQ(block.open(name.c_str(), page + 1), int(2 * page));
     EXPECT_EQ(block.size(), 2 * page);
-    EXPECT_EQ(block.name(), name);
-    EXPECT_EQ(block.c_ptr(16), static_cast<char*>(static_cast<void*>(block)) + 16);
     other.talk().tell();
     ASSERT_TRUE(other.talk().hear());
     count_up(block);
@@ -106,27 +83,21 @@ TEST(SharedMemory, CopiesShareItAndItVanishesWithTheLast) {
     const uint64_t handles = vel::os::open_handle_count();
     const std::string name = unique_name();
     {
-        VEL_Shared_Memory block;
-        EXPECT_EQ(block.c_ptr(0), nullptr);
+        VEL_Shared_Memory block, third;
         ASSERT_NE(block.open(name.c_str(), 100), -1);
         std::memset(block.c_ptr(0), 7, 100);
         VEL_Shared_Memory copy = block;
         block.close();
         EXPECT_EQ(block.c_ptr(0), nullptr);
-        EXPECT_EQ(block.size(), 0u);
-        EXPECT_EQ(*static_cast<char*>(copy.c_ptr(99)), 7) << "the copy still has it";
-        EXPECT_EQ(copy.acquire() + copy.release(), 0);
-        VEL_Shared_Memory third;
         third = copy;
-        copy = *&copy; // assigning to itself changes nothing
-        EXPECT_EQ(static_cast<void*>(third), static_cast<void*>(copy));
+        EXPECT_EQ(*static_cast<char*>(third.c_ptr(99)), 7) << "the copies still have it";
+        EXPECT_EQ(third.acquire() + copy.release(), 0);
     }
     VEL_Shared_Memory fresh;
     ASSERT_NE(fresh.open(name.c_str(), 100), -1);
     EXPECT_EQ(*static_cast<char*>(fresh.c_ptr(99)), 0);
     EXPECT_EQ(fresh.open(name.c_str(), uint64_t{1} << 32), -1);
     EXPECT_EQ(VELLib::GetErrorCode(), 87u) << "the low half of the size is 0";
-    EXPECT_EQ(fresh.c_ptr(0), nullptr);
     EXPECT_EQ(vel::os::open_handle_count(), handles) << "a failure leaves nothing open";
 }
 
