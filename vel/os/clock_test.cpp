@@ -1,4 +1,4 @@
-// Tests of the clocks: the tick's test offset and the local calendar.
+// Tests of the local calendar.
 #include <vel/os/clock.h>
 
 #include <cstdlib>
@@ -7,16 +7,6 @@
 
 namespace vel::os {
 namespace {
-
-TEST(Tick, OffsetBringsTheWrapNear) {
-    const uint64_t start = tick_ms64();
-    set_tick_offset_for_test(0x100000000u - static_cast<uint32_t>(start) - 1);
-    const uint32_t before = tick_ms();
-    while (tick_ms() >= before) {
-    }
-    EXPECT_GE(tick_ms64() >> 32, 1u);
-    set_tick_offset_for_test(0);
-}
 
 TEST(Calendar, MovesByTheOffsetOfThatDayAndStaysInRange) {
     constexpr uint64_t hour = 36000000000;               // in 100 ns

@@ -1,4 +1,4 @@
-// Contract of the directory calls, typed over the back ends that promise it.
+// Contract of removing a tree, typed over the back ends that promise it.
 #include <vel/os/file.h>
 
 #include <filesystem>
@@ -11,10 +11,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The system's own directories. Another back end is a struct with the same names.
+// The system's own directories. Another back end is a struct with the same name.
 struct SystemDirectories {
-    static constexpr auto create = create_directory;
-    static constexpr auto remove = remove_directory;
     static constexpr auto remove_tree = remove_directory_tree;
 };
 
@@ -27,33 +25,6 @@ protected:
 };
 
 TYPED_TEST_SUITE(Directories, ::testing::Types<SystemDirectories>);
-
-TYPED_TEST(Directories, FailuresTellWhy) {
-    using Operation = uint32_t (*)(const char*);
-    const Operation create = TypeParam::create, remove = TypeParam::remove, tree = TypeParam::remove_tree;
-    struct Row {
-        Operation operation;
-        const char* name;
-        uint32_t code;
-    };
-    const Row rows[] = {
-        {create, "new", error::none},
-        {create, "new", error::already_exists},
-        {create, "file", error::already_exists},
-        {create, "absent/new", error::path_not_found},
-        {create, "file/new", error::path_not_found},
-        {create, "new/inner", error::none},
-        {remove, "new", error::directory_not_empty},
-        {remove, "new/inner", error::none},
-        {remove, "new", error::none},
-        {remove, "new", error::file_not_found},
-        {tree, "new", error::file_not_found},
-        {tree, "file", error::path_not_found},
-    };
-    this->directory_.file("file", "");
-    for (const Row& row : rows) EXPECT_EQ(row.operation(this->path(row.name).c_str()), row.code) << &row - rows;
-    EXPECT_EQ(create(nullptr), error::path_not_found);
-}
 
 // Deeper than the length of a path would allow, too.
 TYPED_TEST(Directories, TreeGoesWholeAndLinksAreNotFollowed) {

@@ -22,14 +22,8 @@ constexpr uint64_t year_2001 = 126'227'808'000'000'000;
 struct SystemFiles {
     static constexpr auto open = open_file;
     static constexpr auto read = read_file;
-    static constexpr auto write = write_file;
-    static constexpr auto read_at = read_file_at;
-    static constexpr auto write_at = write_file_at;
-    static constexpr auto seek = seek_file;
-    static constexpr auto set_size = set_file_size;
     static constexpr auto times = file_times;
     static constexpr auto set_times = set_file_times;
-    static constexpr auto info = path_info;
     static constexpr auto set_read_only = os::set_read_only;
     static constexpr auto copy = copy_file;
     static constexpr auto move = move_file;
@@ -46,12 +40,6 @@ protected:
         void* file = nullptr;
         EXPECT_EQ(Back::open(path.c_str(), how, file, options), error::none) << path;
         return file;
-    }
-
-    void write(void* file, std::string_view text) {
-        uint64_t moved = 0;
-        EXPECT_EQ(Back::write(file, text.data(), text.size(), moved), error::none);
-        EXPECT_EQ(moved, text.size());
     }
 
     std::string read(void* file) {
@@ -95,16 +83,12 @@ TYPED_TEST(Files, OpenTellsWhyItFails) {
     const Row rows[] = {
         {there, FileOpen::create_new, {}, error::file_exists},
         {this->path("absent"), FileOpen::open_read, {}, error::file_not_found},
-        {this->path("absent"), FileOpen::open_write, {}, error::file_not_found},
         {this->path("absent/file"), FileOpen::create_always, {}, error::path_not_found},
         {this->path("there/file"), FileOpen::create_new, {}, error::path_not_found},
         {here, FileOpen::open_read, {}, error::access_denied},
-        {here, FileOpen::create_always, {}, error::access_denied},
-        {link, FileOpen::open_read, {}, error::none},
         {link, FileOpen::open_read, plain, error::cannot_resolve_name},
         {"/dev/null", FileOpen::open_write, plain, error::access_denied},
         {std::string(5000, 'x'), FileOpen::open_read, {}, error::name_too_long},
-        {"", FileOpen::open_read, {}, error::path_not_found},
     };
     for (const Row& row : rows) {
         void* file = nullptr;
@@ -112,44 +96,6 @@ TYPED_TEST(Files, OpenTellsWhyItFails) {
         if (!row.code) close_handle(file);
     }
     EXPECT_EQ(content_of(there), "abc") << "a failed open must not truncate";
-}
-
-TYPED_TEST(Files, PositionMovesOnlyWithPlainTransfersAndAppendsGoToTheEnd) {
-    const std::string path = this->path("file");
-    void* file = this->open(path, FileOpen::create_new);
-    this->write(file, "0123456789");
-    char buffer[4] = {};
-    uint64_t moved = 0;
-    int64_t position = 0;
-    EXPECT_EQ(TypeParam::read_at(file, buffer, 4, 8, moved), error::none);
-    EXPECT_EQ(std::string(buffer, moved), "89");
-    EXPECT_EQ(TypeParam::write_at(file, "ab", 2, 4, moved), error::none);
-    EXPECT_EQ(TypeParam::set_size(file, 12), error::none);
-    this->write(file, "!");
-    EXPECT_EQ(TypeParam::seek(file, -9, 2, position), error::none);
-    EXPECT_EQ(TypeParam::seek(file, 1, 1, position), error::none);
-    EXPECT_EQ(position, 4);
-    EXPECT_EQ(this->read(file), std::string("ab6789!\0", 8));
-    EXPECT_EQ(this->read(file), "") << "the end is no error";
-    EXPECT_EQ(TypeParam::seek(file, -1, 0, position), error::invalid_parameter);
-    EXPECT_EQ(TypeParam::seek(file, 0, 3, position), error::invalid_parameter);
-    EXPECT_EQ(TypeParam::set_size(file, UINT64_MAX), error::file_too_large);
-    close_handle(file);
-
-    file = this->open(path, FileOpen::open_always, {.append = true});
-    this->write(file, "+more");
-    close_handle(file);
-    EXPECT_EQ(content_of(path), std::string("0123ab6789!\0+more", 17));
-    file = this->open(path, FileOpen::create_always, {.read_only = true});
-    this->write(file, "by its creator");
-    close_handle(file);
-    FileInfo info{};
-    EXPECT_EQ(TypeParam::info(path.c_str(), info), error::none);
-    EXPECT_TRUE(!info.directory && info.size == 14);
-    file = this->open(path, FileOpen::open_read);
-    EXPECT_EQ(TypeParam::write(file, "x", 1, moved), error::access_denied);
-    EXPECT_EQ(TypeParam::set_size(file, 0), error::access_denied);
-    close_handle(file);
 }
 
 TYPED_TEST(Files, CopyTakesContentAndWriteTime) {

@@ -76,17 +76,6 @@ TYPED_TEST(Mapping, IsSharedByItsOpenersAndVanishesWithTheLastHoweverThatOneEnde
     }
 }
 
-TYPED_TEST(Mapping, RefusesWhatItCannotMake) {
-    using Block = OpenBlock<TypeParam>;
-    const uint64_t before = open_handle_count();
-    const ObjectName name;
-    EXPECT_EQ(Block(name, 0).code, error::invalid_parameter);
-    EXPECT_EQ(Block(name, UINT64_MAX).code, error::not_enough_memory);
-    EXPECT_NE(Block(name, uint64_t{1} << 50).code, error::none);
-    EXPECT_EQ(Block(name, 1).size, page_size()) << "a failure must not leave its size behind";
-    EXPECT_EQ(open_handle_count(), before);
-}
-
 TEST(Pages, AreZeroedRoundedAndKnownByTheirAddress) {
     void* pages = nullptr;
     uint64_t size = 0;

@@ -106,23 +106,5 @@ TYPED_TEST(NamedMutex, AKilledProcessHandsItOnWithin100Ms) {
     }
 }
 
-TYPED_TEST(NamedMutex, ThreadsNeverOwnItTogether) {
-    using Mutex = OpenMutex<TypeParam>;
-    const ObjectName name;
-    int counter = 0;
-    std::thread threads[4];
-    for (std::thread& thread : threads)
-        thread = std::thread([&] {
-            Mutex mutex(name.c_str());
-            for (int i = 0; i < 500; ++i) {
-                EXPECT_EQ(mutex.acquire(i % 2 ? VEL_INFINITE : long_ms), error::none);
-                ++counter;
-                EXPECT_EQ(mutex.release(), error::none);
-            }
-        });
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(counter, 2000);
-}
-
 } // namespace
 } // namespace vel::os

@@ -1,8 +1,6 @@
-// UTF-8, other code pages and random bytes.
+// UTF-8 and other code pages.
 #include <vel/os/text.h>
 
-#include <algorithm>
-#include <array>
 #include <gtest/gtest.h>
 #include <vel/os/linux/code_page.h>
 
@@ -18,18 +16,15 @@ TEST(Utf8, GoodTextRoundTripsAndEveryBrokenPieceBecomesOneReplacement) {
         bool good = false;
     };
     const Row rows[] = {
-        {"", L"", true},
         {"plain\0text"s, L"plain\0text"s, true},
         {"\xC2\x80\xDF\xBF", L"\u0080\u07FF", true},
         {"\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", L"\u0800\uD7FF\uE000\uFFFF", true},
         {"\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", L"\U00010000\U0010FFFF", true},
         {"a\x80z", L"a\uFFFDz"},                           // a continuation alone
         {"\xC0\xAF", L"\uFFFD\uFFFD"},                     // overlong, two bytes
-        {"\xE0\x80\xAF", L"\uFFFD\uFFFD\uFFFD"},           // overlong, three bytes
         {"\xF0\x82\x82\xAC", L"\uFFFD\uFFFD\uFFFD\uFFFD"}, // overlong, four bytes
         {"\xED\xA0\x80", L"\uFFFD\uFFFD\uFFFD"},           // a surrogate
         {"\xF4\x90\x80\x80", L"\uFFFD\uFFFD\uFFFD\uFFFD"}, // past the last code point
-        {"\xF8\xFF\xFE", L"\uFFFD\uFFFD\uFFFD"},           // no first bytes at all
         {"\xE2\x82", L"\uFFFD"},                           // cut off at the end
         {"\xF0\x9F\x98z", L"\uFFFDz"},                     // cut off by another character
         {"\xE2\x82\xE2\x82\xAC", L"\uFFFD\u20AC"},         // cut off by the start of the next
@@ -58,13 +53,6 @@ TEST(CodePage, IsNamedByTheEnvironmentConvertsAndReplaces) {
     const std::wstring line(5000, L'\u00FC'); // many buffers long
     EXPECT_EQ(wide_to_code_page("ISO-8859-1", line), std::string(5000, '\xFC'));
     EXPECT_EQ(code_page_to_wide("ISO-8859-1", std::string(5000, '\xFC')), line);
-}
-
-TEST(RandomBytes, FillEveryByte) {
-    std::array<unsigned char, 700> bytes{};
-    ASSERT_EQ(random_bytes(bytes.data(), bytes.size() - 1), 0u);
-    EXPECT_EQ(bytes.back(), 0) << "wrote past the end";
-    EXPECT_LT(std::count(bytes.begin(), bytes.end(), 0), 30) << "some of it was not filled";
 }
 
 } // namespace

@@ -48,7 +48,6 @@ struct Work {
     std::atomic<uint32_t> steps{0};
     std::atomic<bool> stop{false};
     void* object = nullptr; // what a blocked thread waits for
-    void* self = nullptr;
 };
 
 uint32_t compute(void* argument) {
@@ -238,33 +237,6 @@ TYPED_TEST(Threads, AKilledWaiterOrOwnerHoldsUpNobody) {
         EXPECT_EQ(lock_range(file, 0, 1, false), error::none);
         EXPECT_EQ(unlock_range(file, 0, 1), error::none);
     }
-}
-
-TYPED_TEST(Threads, NeverEndsItselfAndSuspendedByItselfWaitsForAnother) {
-    this->work_.self = this->create([](void* argument) -> uint32_t {
-        void* self = static_cast<Work*>(argument)->self;
-        uint32_t previous = 99;
-        if (TypeParam::terminate(self, 1) != error::access_denied) return 4;
-        TypeParam::suspend(self, previous);
-        return previous;
-    });
-    EXPECT_EQ(this->resume(this->work_.self), 1u);
-    while (this->resume(this->work_.self) == 0) std::this_thread::yield();
-    EXPECT_EQ(this->outcome(this->work_.self), 0u);
-}
-
-TYPED_TEST(Threads, ClosingTheHandleDoesNotEndTheThread) {
-    void* done = this->event();
-    this->work_.object = this->event();
-    const uint64_t before = open_handle_count();
-    void* thread = this->start(wait_event);
-    this->handles_.pop_back();
-    EXPECT_EQ(close_handle(thread), error::none);
-    EXPECT_EQ(TypeParam::terminate(thread, 1), error::invalid_handle);
-    set_event(this->work_.object);
-    for (int turn = 0; turn < 500 && open_handle_count() != before; ++turn) wait_handle(done, short_ms);
-    EXPECT_EQ(open_handle_count(), before);
-    EXPECT_EQ(this->work_.steps, 2u);
 }
 
 TYPED_TEST(Threads, SuspendResumeAndEndRace) {

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace vel::testing {
@@ -16,89 +18,65 @@ class PeImage {
 public:
     /// @param magic  0x10B for 32 bits, 0x20B for 64
     explicit PeImage(uint16_t magic) : directories_(headers_at + 24 + (magic == 0x10B ? 96 : 112)) {
-        put16(0, 0x5A4D);
-        put32(60, headers_at);
-        put32(headers_at, 0x00004550);
-        put16(headers_at + 6, 2); // sections
-        put16(headers_at + 20, static_cast<uint16_t>(directories_ + 24 - headers_at - 24));
-        put16(headers_at + 24, magic);
-        put32(directories_ - 4, 3);
-        section(0, 0x400, 0x200, 0x200);
-        const uint32_t raw = directories_ + 24 + 80;
-        section(1, section_address, 0x200, raw);
-        put32(directories_ + 16, section_address + resources_in_section);
-        put32(directories_ + 20, 0x180);
-        resources_ = raw + resources_in_section;
-        tree();
-        block();
+        const uint32_t sections = directories_ + 24, tree = resources(), block = block_at() + 8;
+        const std::pair<uint32_t, uint32_t> words[] = {
+            {0, 0x5A4D},
+            {60, headers_at},
+            {headers_at, 0x00004550},
+            {headers_at + 4, 2 << 16}, // number of sections
+            {headers_at + 20, directories_ - headers_at},
+            {headers_at + 24, magic},
+            {directories_ - 4, 3},
+            {directories_ + 16, section_address + resources_in_section},
+            {directories_ + 20, 0x180},
+            // two sections: address, size, place in the file
+            {sections + 12, 0x400},
+            {sections + 16, 0x200},
+            {sections + 20, 0x200},
+            {sections + 52, section_address},
+            {sections + 56, 0x200},
+            {sections + 60, tree - resources_in_section},
+            // type, name and language; a named type leads back to the root
+            {tree + 12, 1 | 1 << 16},
+            {tree + 16, 0x80000100},
+            {tree + 20, 0x80000000},
+            {tree + 24, 16},
+            {tree + 28, 0x80000020},
+            {tree + 0x2C, 1 << 16},
+            {tree + 0x30, 1},
+            {tree + 0x34, 0x80000038},
+            {tree + 0x44, 1 << 16},
+            {tree + 0x48, 1033},
+            {tree + 0x4C, 0x50},
+            {tree + 0x50, section_address + resources_in_section + block_in_resources + 8},
+            {tree + 0x54, 92},
+            {block, 92 | 52 << 16},
+            {block + 40, 0xFEEF04BD},
+            {block + 48, 0x00010002},
+            {block + 52, 0x00030004},
+            {block + 56, 0x00050006},
+            {block + 60, 0x00070008},
+            {block + 88, 0},
+        };
+        for (const auto& [at, value] : words) put32(at, value);
+        uint32_t at = block + 6;
+        for (const char letter : std::string_view("VS_VERSION_INFO")) put32(std::exchange(at, at + 2), letter);
     }
 
-    void put16(uint32_t at, uint16_t value) {
-        if (bytes.size() < at + 2) bytes.resize(at + 2);
-        bytes[at] = static_cast<uint8_t>(value);
-        bytes[at + 1] = static_cast<uint8_t>(value >> 8);
-    }
     void put32(uint32_t at, uint32_t value) {
-        put16(at, static_cast<uint16_t>(value));
-        put16(at + 2, static_cast<uint16_t>(value >> 16));
+        if (bytes.size() < at + 4) bytes.resize(at + 4);
+        for (uint32_t i = 0; i < 4; ++i) bytes[at + i] = static_cast<uint8_t>(value >> 8 * i);
     }
 
-    uint32_t resources() const { return resources_; }
-    uint32_t block_at() const { return resources_ + block_in_resources; }
     uint32_t directories() const { return directories_; }
-
+    uint32_t resources() const { return directories_ + 24 + 80 + resources_in_section; }
+    uint32_t block_at() const { return resources() + block_in_resources; }
     std::string text() const { return {bytes.begin(), bytes.end()}; }
 
     std::vector<uint8_t> bytes;
 
 private:
-    void section(uint32_t index, uint32_t address, uint32_t size, uint32_t raw) {
-        const uint32_t at = directories_ + 24 + 40 * index;
-        put32(at + 12, address);
-        put32(at + 16, size);
-        put32(at + 20, raw);
-    }
-
-    void directory(uint32_t at, uint16_t named, uint16_t numbered) {
-        put16(resources_ + at + 12, named);
-        put16(resources_ + at + 14, numbered);
-    }
-
-    void entry(uint32_t at, uint32_t name, uint32_t target) {
-        put32(resources_ + at, name);
-        put32(resources_ + at + 4, target);
-    }
-
-    void tree() {
-        directory(0, 1, 1);
-        entry(16, 0x80000100, 0x80000000); // a named type, which leads back to the root
-        entry(24, 16, 0x80000000 | 0x20);
-        directory(0x20, 0, 1);
-        entry(0x30, 1, 0x80000000 | 0x38);
-        put16(resources_ + 0x38 + 14, 1);
-        entry(0x48, 1033, 0x50);
-        // The data entry shares bytes with nothing: address, length.
-        put32(resources_ + 0x50, section_address + resources_in_section + block_in_resources);
-        put32(resources_ + 0x54, 92);
-    }
-
-    void block() {
-        const uint32_t at = block_at() + 8; // behind the rest of the data entry
-        put32(resources_ + 0x50, section_address + resources_in_section + block_in_resources + 8);
-        put16(at, 92);
-        put16(at + 2, 52);
-        const char key[] = "VS_VERSION_INFO";
-        for (uint32_t i = 0; i < sizeof key; ++i) put16(at + 6 + 2 * i, static_cast<uint8_t>(key[i]));
-        put32(at + 40, 0xFEEF04BD);
-        put32(at + 48, 0x00010002);
-        put32(at + 52, 0x00030004);
-        put32(at + 56, 0x00050006);
-        put32(at + 60, 0x00070008);
-        put32(at + 88, 0);
-    }
-
     uint32_t directories_;
-    uint32_t resources_ = 0;
 };
 
 } // namespace vel::testing

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <csignal>
 #include <functional>
+#include <optional>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -45,10 +46,21 @@ inline bool become_ordinary_user() {
 /// Start it before the test starts threads.
 class ChildProcess {
 public:
-    explicit ChildProcess(const std::function<int(Talk& parent)>& body) : ChildProcess(body, make_ends()) {}
+    explicit ChildProcess(const std::function<int(Talk& parent)>& body) {
+        int ends[2];
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) ::abort();
+        id_ = ::fork();
+        if (id_ == 0) {
+            Talk parent(ends[1]);
+            ::close(ends[0]); // so that the child hears the end of its parent
+            ::_exit(body(parent));
+        }
+        ::close(ends[1]);
+        talk_.emplace(ends[0]);
+    }
     ~ChildProcess() { kill(); }
 
-    Talk& talk() { return talk_; }
+    Talk& talk() { return *talk_; }
 
     /// Waits for the end of the child. Its exit code, or -1 when a signal ended it.
     int wait() {
@@ -67,27 +79,8 @@ public:
     }
 
 private:
-    struct Ends {
-        int own[2];
-    };
-
-    static Ends make_ends() {
-        Ends ends{};
-        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.own) != 0) ::abort();
-        return ends;
-    }
-
-    ChildProcess(const std::function<int(Talk&)>& body, Ends ends) : talk_(ends.own[0]), id_(::fork()) {
-        if (id_ == 0) {
-            Talk parent(ends.own[1]);
-            ::close(ends.own[0]); // so that the child hears the end of its parent
-            ::_exit(body(parent));
-        }
-        ::close(ends.own[1]);
-    }
-
-    Talk talk_;
-    pid_t id_;
+    std::optional<Talk> talk_;
+    pid_t id_ = -1;
 };
 
 } // namespace vel::testing
