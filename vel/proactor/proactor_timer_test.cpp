@@ -6,6 +6,15 @@
 #include <vel/os/error_codes.h>
 
 namespace vel::test {
+
+/// Reaches a single pass over the due timers.
+template <int (VEL_Proactor::*Pass)()>
+struct RevealPass {
+    friend int dispatch_timer_of(VEL_Proactor& proactor) { return (proactor.*Pass)(); }
+};
+int dispatch_timer_of(VEL_Proactor& proactor);
+template struct RevealPass<&VEL_Proactor::dispatch_timer>;
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -101,25 +110,41 @@ TEST_F(ProactorTimer, HandlersMayCancelAndScheduleInside) {
     EXPECT_EQ(handler->closes.count(), 1);
 }
 
-TEST_F(ProactorTimer, ZeroIntervalsStarveNobody) {
-    Ref<Handler> greedy(new Handler);
-    Ref<Handler> modest(new Handler);
-    Tally greedy_fired;
-    Tally modest_fired;
+TEST_F(ProactorTimer, APassEndsWhereTheTimerThatItBeganWithComesRound) {
+    Ref<Handler> blocker(new Handler), first(new Handler), greedy(new Handler);
+    Tally inside, go;
+    blocker->on_timeout = [&](int32_t, uint32_t& interval_ms) {
+        interval_ms = 100000;
+        inside.add();
+        if (inside.count() == 1) go.reaches(1); // the proactor's own thread leaves the passes to this test
+        return 0;
+    };
+    proactor->schedule_timer(blocker.get(), 0);
+    ASSERT_TRUE(inside.reaches(1));
+    ASSERT_EQ(dispatch_timer_of(*proactor), 1);
+    std::string order;
+    int32_t first_id = 0;
+    int first_result = 0;
+    first->on_timeout = [&](int32_t, uint32_t& interval_ms) {
+        order += 'f';
+        interval_ms = 100000;
+        return first_result;
+    };
     greedy->on_timeout = [&](int32_t, uint32_t&) {
-        greedy_fired.add();
+        order += 'g';
+        if (order.size() == 5) proactor->reschedule_timer(first_id, 0);
         return 0;
     };
-    modest->on_timeout = [&](int32_t, uint32_t&) {
-        modest_fired.add();
-        return 0;
-    };
-    const int32_t id = proactor->schedule_timer(greedy.get(), 0);
-    ASSERT_TRUE(greedy_fired.reaches(100));
-    proactor->schedule_timer(modest.get(), 1);
-    EXPECT_TRUE(modest_fired.reaches(10));
-    EXPECT_EQ(proactor->cancel_timer(id, true), 0);
-    proactor->close(); // a callback may be under way still
+    first_id = proactor->schedule_timer(first.get(), 0);
+    const int32_t greedy_id = proactor->schedule_timer(greedy.get(), 0);
+    EXPECT_EQ(dispatch_timer_of(*proactor), 5);
+    EXPECT_EQ(order, "fgggg");
+    first_result = -1; // its place goes to the other one
+    EXPECT_EQ(dispatch_timer_of(*proactor), 2);
+    EXPECT_EQ(order, "fggggfg");
+    EXPECT_EQ(proactor->cancel_timer(greedy_id, true), 0);
+    go.add();
+    proactor->close(); // the callback is under way still
 }
 
 TEST_F(ProactorTimer, OnlyOneThreadDispatches) {

@@ -53,11 +53,9 @@ bool TimerEngine::reschedule(int32_t id, uint32_t interval_ms, uint64_t now_ms, 
     return true;
 }
 
-bool TimerEngine::next_due(uint64_t pass, uint64_t now_ms, Timer& timer) const {
-    if (heap_.empty()) return false;
-    const Entry& first = heap_.front();
-    if (first.deadline > now_ms || first.sequence >= pass) return false;
-    timer = nodes_[first.node].timer;
+bool TimerEngine::first_due(uint64_t now_ms, Timer& timer) const {
+    if (deadline_ms() > now_ms) return false;
+    timer = nodes_[heap_.front().node].timer;
     return true;
 }
 

@@ -27,8 +27,7 @@ public:
     bool reschedule(int32_t id, uint32_t interval_ms, uint64_t now_ms, bool& sooner);
     bool contains(int32_t id) const { return find(id) != none; }
 
-    uint64_t begin_pass() const { return next_sequence_; }
-    bool next_due(uint64_t pass, uint64_t now_ms, Timer& timer) const;
+    bool first_due(uint64_t now_ms, Timer& timer) const;
     bool take_first(Timer& timer);
 
     uint64_t deadline_ms() const { return heap_.empty() ? UINT64_MAX : heap_.front().deadline; }
@@ -130,14 +129,10 @@ public:
 
     bool contains(int32_t id) const { return engine_.contains(id); }
 
-    /// Starts a dispatch pass; its result goes to `next_due`.
-    uint64_t begin_pass() const { return engine_.begin_pass(); }
-
-    /// The first timer if it is due and was scheduled before the pass began; it stays in the queue. A timer that was
-    /// rescheduled during the pass waits for the next one, so a pass ends even when intervals are 0.
-    bool next_due(uint64_t pass, uint64_t now_ms, Period& period) const {
+    /// The first timer if it is due; it stays in the queue.
+    bool first_due(uint64_t now_ms, Period& period) const {
         vel::TimerEngine::Timer timer;
-        return engine_.next_due(pass, now_ms, timer) && fill(period, timer);
+        return engine_.first_due(now_ms, timer) && fill(period, timer);
     }
 
     /// Removes the first timer, due or not, to wind the queue up; false when the queue is empty.
