@@ -2,6 +2,7 @@
 #include <vel/testing/proactor_fixture.h>
 
 #include <string>
+#include <thread>
 #include <vel/os/error_codes.h>
 
 namespace vel::test {
@@ -86,6 +87,30 @@ TEST_F(AsyncDgram, LongDatagramsAreToldAsCut) {
     EXPECT_EQ(code, error::message_too_long);
     EXPECT_EQ(bytes, 4u);
     EXPECT_EQ(std::string(static_cast<char*>(block.c_ptr(0)), 4), "abcd");
+}
+
+TEST_F(AsyncDgram, NoTimerOutlivesACloseThatRaces) {
+    for (int round = 0; round < 2000; ++round) {
+        Ref<Dgram> socket(new Dgram);
+        ASSERT_EQ(socket->open(proactor.get(), 0, loopback), 0);
+        const uint32_t key = socket->completion_key();
+        std::thread setter([&] { socket->set_timeout(100000); });
+        round % 2 ? socket->close(true) : static_cast<void>(proactor->remove_handle(key, false));
+        setter.join();
+        ASSERT_EQ(socket->addref(), 2) << "round " << round;
+        socket->release();
+    }
+}
+
+TEST_F(AsyncDgram, ATakenKeyStaysItsOwners) {
+    Ref<Handler> owner(new Handler);
+    const uint64_t handle = VELLib::socket(2, 2, 0);
+    ASSERT_EQ(proactor->register_handle(1, reinterpret_cast<void*>(handle), owner.get()), 0);
+    Ref<Dgram> socket(new Dgram);
+    EXPECT_EQ(socket->open(proactor.get(), 0, loopback), -1) << "the first key that is handed out is taken";
+    EXPECT_EQ(VELLib::GetErrorCode(), error::invalid_parameter);
+    EXPECT_EQ(proactor->remove_handle(1, true), 0);
+    VELLib::closesocket(handle);
 }
 
 TEST_F(AsyncDgram, CloseTellsKeyAndTimer) {

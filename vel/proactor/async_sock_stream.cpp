@@ -19,7 +19,7 @@ int VEL_Async_SOCK_Stream::open(VEL_Proactor* proactor, const VEL_INET_Addr& rem
         return VELLib::bind(socket, VEL_INET_Addr()) < 0 ? -1 : op.connect(remote);
     };
     if (socket_.start<VEL_Async_SOCK_Connect>(this, connect) == 0) return 0;
-    socket_.abandon(proactor, key, socket);
+    socket_.abandon(proactor, key);
     return -1;
 }
 

@@ -29,20 +29,16 @@ int AsyncSocket::open(VEL_Proactor* proactor, uint64_t socket, VEL_Async_Handler
     proactor_ = proactor;
     guard.unlock();
     if (proactor->register_handle(key, reinterpret_cast<void*>(socket), owner) == 0) return 0;
-    abandon(proactor, key, socket);
-    return -1;
+    // The registration is left alone: where the key was taken, it is somebody else's.
+    const uint32_t code = VELLib::GetErrorCode();
+    give_up(proactor, key, true);
+    return fail(code);
 }
 
-void AsyncSocket::abandon(VEL_Proactor* proactor, uint32_t key, uint64_t socket) {
+void AsyncSocket::abandon(VEL_Proactor* proactor, uint32_t key) {
     const uint32_t code = VELLib::GetErrorCode();
     proactor->remove_handle(key, true);
-    {
-        VEL_Guard guard(lock_);
-        if (is(key, socket)) {
-            close_socket();
-            clear();
-        }
-    }
+    give_up(proactor, key, true);
     VELLib::SetErrorCode(code);
 }
 
@@ -62,12 +58,11 @@ int AsyncSocket::set_timeout(VEL_Async_Handler* owner, uint32_t timeout_ms) {
     VEL_Guard guard(lock_);
     if (check_open() < 0) return -1;
     const uint32_t key = key_;
-    const uint64_t socket = socket_;
     VEL_Proactor* proactor = proactor_;
     guard.unlock();
     if (proactor->set_timer(owner, timeout_ms, timer_id_) < 0) return -1;
     guard.lock();
-    if (is(key, socket) && proactor_ == proactor) return 0;
+    if (is(proactor, key)) return 0;
     guard.unlock();
     // Closed meanwhile: its close may have come before the timer was there to be cancelled.
     if (int32_t timer = timer_id_.exchange(0)) proactor->cancel_timer(timer, true);
@@ -87,11 +82,10 @@ int AsyncSocket::handle_close(uint32_t key, void* handle, VEL_Proactor* proactor
     if (proactor_ != proactor) return 0;
     const uint32_t own_key = key_;
     const uint64_t socket = socket_;
-    const int32_t timer = timer_id_;
     const bool registration_ended = key != 0 && key == own_key;
-    const bool timer_ended = key == 0 && timer != 0 && reinterpret_cast<intptr_t>(handle) == timer;
+    const bool timer_ended = key == 0 && handle != nullptr && reinterpret_cast<intptr_t>(handle) == timer_id_;
     if (!registration_ended && !timer_ended) return 0;
-    clear();
+    const int32_t timer = clear();
     guard.unlock();
     if (registration_ended && timer != 0) proactor->cancel_timer(timer, true);
     if (timer_ended && own_key != 0) proactor->remove_handle(own_key, true);
@@ -109,26 +103,33 @@ int AsyncSocket::close_handle() {
 void AsyncSocket::close(bool no_close, bool no_timer_close) {
     VEL_Guard guard(lock_);
     const uint32_t key = key_;
-    const uint64_t socket = socket_;
     VEL_Proactor* proactor = proactor_;
     const int32_t timer = timer_id_.exchange(0);
     guard.unlock();
     if (proactor != nullptr && key != 0) proactor->remove_handle(key, no_close);
     if (proactor != nullptr && timer != 0) proactor->cancel_timer(timer, no_timer_close);
-    guard.lock();
-    if (!is(key, socket)) return;
-    if (socket != VEL_INVALID_SOCKET) close_socket();
-    clear();
+    give_up(proactor, key, no_timer_close);
+}
+
+/// Closes the socket and forgets everything if it is open under that key still; a timer set meanwhile ends, too.
+void AsyncSocket::give_up(VEL_Proactor* proactor, uint32_t key, bool no_timer_close) {
+    VEL_Guard guard(lock_);
+    if (!is(proactor, key)) return;
+    if (socket_ != VEL_INVALID_SOCKET) close_socket();
+    const int32_t timer = clear();
+    guard.unlock();
+    if (proactor != nullptr && timer != 0) proactor->cancel_timer(timer, no_timer_close);
 }
 
 void AsyncSocket::close_socket() { VELLib::closesocket(socket_.exchange(VEL_INVALID_SOCKET)); }
 
-void AsyncSocket::clear() {
+/// Returns the timer that nobody but the caller knows any more, to be cancelled without the lock.
+int32_t AsyncSocket::clear() {
     socket_ = VEL_INVALID_SOCKET;
     key_ = 0;
     remote_.reset();
     proactor_ = nullptr;
-    timer_id_ = 0;
+    return timer_id_.exchange(0);
 }
 
 } // namespace vel

@@ -15,7 +15,9 @@ namespace vel {
 /// Threads:   every call from any thread; the members may be read without the lock.
 /// Invariants: the lock comes after the proactor's (VEL_Proactor::close_handle calls a handler under its own lock), so
 ///            no call into the proactor's table or timers is made while this one is held: each operation decides under
-///            its lock, releases it, calls, and stores the outcome only if key and socket are still the same.
+///            its lock, releases it, calls, and stores the outcome only if proactor and key are still the same (the
+///            socket may be closed already, by `close_handle`). The timer id alone is stored under the proactor's lock;
+///            whoever takes it out of here cancels the timer.
 class VEL_API AsyncSocket {
 public:
     AsyncSocket() = default;
@@ -37,7 +39,7 @@ public:
              uint32_t& key);
 
     /// Undoes `open`: ends the registration without `handle_close` and closes the socket. Keeps the thread's code.
-    void abandon(VEL_Proactor* proactor, uint32_t key, uint64_t socket);
+    void abandon(VEL_Proactor* proactor, uint32_t key);
 
     /// The peer's address, under the lock.
     VEL_INET_Addr remote_addr();
@@ -76,9 +78,10 @@ public:
 
 private:
     static int out_of_memory();
-    bool is(uint32_t key, uint64_t socket) const { return key_ == key && socket_ == socket; }
+    bool is(const VEL_Proactor* proactor, uint32_t key) const { return proactor_ == proactor && key_ == key; }
     void close_socket();
-    void clear();
+    void give_up(VEL_Proactor* proactor, uint32_t key, bool no_timer_close);
+    int32_t clear();
 
     std::atomic<uint64_t> socket_{VEL_INVALID_SOCKET};
     std::atomic<uint32_t> key_{0}; // 0: none

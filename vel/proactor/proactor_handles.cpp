@@ -124,7 +124,7 @@ int VEL_Proactor::start_send(uint32_t key, const VEL_Byte_Block& data, size_t le
     const VEL_Handle_Set* set = find(key);
     if (set == nullptr) return -1;
     void* handle = set->handle;
-    if (uint32_t code = os::share_handle(handle)) return vel::fail(code);
+    if (os::share_handle(handle) != error::none) return vel::fail(error::not_a_socket);
     auto* op = new (std::nothrow) Operation(this, key, handle, set->handler);
     guard.unlock();
     int result = op == nullptr ? vel::fail(error::not_enough_memory) : 0;
