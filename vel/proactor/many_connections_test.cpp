@@ -5,7 +5,6 @@
 #include <string>
 #include <thread>
 #include <vel/os/error_codes.h>
-#include <vel/os/file.h>
 
 namespace vel::test {
 namespace {
@@ -28,34 +27,19 @@ uint32_t try_descriptors() {
     return code;
 }
 
-/// Runs the client below in a process of its own; 0 when it succeeded.
-int run_client(uint16_t port) {
-    std::string folder;
-    EXPECT_EQ(vel::os::executable_directory(folder), 0u);
-    const std::string command = "VEL_TEST_PORT=" + std::to_string(port) + " " + folder +
-                                "/proactor_test --gtest_also_run_disabled_tests "
-                                "--gtest_filter=ManyConnections.DISABLED_Client --gtest_brief=1";
-    return std::system(command.c_str()); // tidy: allowed, the connections are between two processes
-}
-
 TEST_F(ManyConnections, OneExchangeEach) {
     if (try_descriptors() == error::too_many_sockets)
         GTEST_SKIP() << "the limit of open files is below " << connections + spare;
-    Tally accepted;
-    Tally echoed;
-    Tally ended;
+    Tally accepted, echoed, ended;
     auto serve = [&](Ref<Stream> stream) {
         Stream* self = stream.get();
-        self->on_input = [&, self](VEL_Async_Read_Operation* op, uint32_t error) {
+        self->on_input = [&, self](VEL_Async_Read_Operation*& op, uint32_t error) {
             const size_t bytes = op->bytes_transferred();
             const bool over = error != 0 || bytes == 0;
-            const int result = over ? -1 : self->send(op->read_block(), bytes);
-            delete op;
             if (over) ended.add();
-            return result;
+            return over ? -1 : self->send(op->read_block(), bytes);
         };
-        self->on_output = [&, self](VEL_Async_Write_Operation* op, uint32_t error) {
-            delete op;
+        self->on_output = [&, self](VEL_Async_Write_Operation*&, uint32_t error) {
             echoed.add();
             VEL_Byte_Block block;
             return error != 0 ? -1 : self->recv(block, 16);
@@ -67,7 +51,10 @@ TEST_F(ManyConnections, OneExchangeEach) {
     Ref<Acceptor> acceptor = listen(serve);
     for (int i = 0; i < 63; ++i) ASSERT_EQ(acceptor->accept(), 0);
     int client_result = -1;
-    std::thread client([&] { client_result = run_client(address_of(*acceptor).getport()); });
+    std::thread client([&] {
+        client_result = run_in_process("VEL_TEST_PORT=" + std::to_string(address_of(*acceptor).getport()),
+                                       "ManyConnections.DISABLED_Client");
+    });
     EXPECT_TRUE(accepted.reaches(connections));
     EXPECT_TRUE(echoed.reaches(connections)); // the client lets go of the first when it has the last answer
     client.join();
@@ -85,20 +72,17 @@ TEST_F(ManyConnections, DISABLED_Client) {
     for (int i = 0; i < connections; ++i) {
         streams.emplace_back(new Stream);
         Stream* stream = streams.back().get();
-        stream->on_connect = [stream](VEL_Async_Connect_Operation* op, uint32_t error) {
-            delete op;
+        stream->on_connect = [stream](VEL_Async_Connect_Operation*&, uint32_t error) {
             EXPECT_EQ(error, 0u);
             return stream->send(VEL_Byte_Block(4, "ping"), 4);
         };
-        stream->on_output = [stream](VEL_Async_Write_Operation* op, uint32_t) {
-            delete op;
+        stream->on_output = [stream](VEL_Async_Write_Operation*&, uint32_t) {
             VEL_Byte_Block block;
             return stream->recv(block, 16);
         };
-        stream->on_input = [&answered](VEL_Async_Read_Operation* op, uint32_t error) {
+        stream->on_input = [&answered](VEL_Async_Read_Operation*& op, uint32_t error) {
             EXPECT_EQ(error, 0u);
             EXPECT_EQ(op->bytes_transferred(), 4u);
-            delete op;
             answered.add();
             return 0;
         };

@@ -19,32 +19,21 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int64_t ms_since(Clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
 using ProactorTimer = ProactorTest;
 
 TEST_F(ProactorTimer, RepeatsWithTheIntervalThatTheHandlerSets) {
     Ref<Handler> handler(new Handler);
-    Tally fired;
-    std::vector<int64_t> at;
-    const auto start = Clock::now();
+    std::vector<Clock::time_point> at{Clock::now()};
     handler->on_timeout = [&](int32_t, uint32_t& interval_ms) {
-        EXPECT_EQ(interval_ms, at.empty() || at.size() == 1 ? 20u : 60u);
-        at.push_back(ms_since(start));
-        if (at.size() == 2) interval_ms = 60;
-        fired.add();
-        return at.size() < 4 ? 0 : -1;
+        at.push_back(Clock::now());
+        if (at.size() == 3) interval_ms = 60;
+        return at.size() < 5 ? 0 : -1;
     };
-    const int32_t id = proactor->schedule_timer(handler.get(), 20);
-    ASSERT_GE(id, 1);
+    const int32_t id = proactor->schedule_timer(handler.get(), 100000);
+    EXPECT_EQ(proactor->reschedule_timer(id, 20), 0) << "sooner: the waiting thread must hear of it";
     ASSERT_TRUE(handler->closes.reaches(1));
-    ASSERT_EQ(at.size(), 4u);
-    EXPECT_GE(at[0], 19);
-    EXPECT_GE(at[1] - at[0], 19);
-    EXPECT_GE(at[2] - at[1], 59);
-    EXPECT_GE(at[3] - at[2], 59);
+    ASSERT_EQ(at.size(), 5u);
+    for (size_t i = 1; i < 5; ++i) EXPECT_GE(at[i] - at[i - 1], std::chrono::milliseconds(i < 3 ? 19 : 59));
     VELLib::SetErrorCode(4711);
     EXPECT_EQ(proactor->cancel_timer(id, true), -1) << "it has ended";
     EXPECT_EQ(proactor->reschedule_timer(id, 1), -1);
@@ -60,54 +49,14 @@ TEST_F(ProactorTimer, EndsWithHandleCloseAndItsReference) {
     const int32_t loud = proactor->schedule_timer(handler.get(), 100000);
     const int32_t quiet = proactor->schedule_timer(handler.get(), 100000);
     const int32_t last = proactor->schedule_timer(handler.get(), 100000);
-    EXPECT_EQ(handler->addref(), 5);
-    handler->release();
+    EXPECT_EQ(handler->references(), 4);
     EXPECT_EQ(proactor->cancel_timer(loud, false), 0);
     EXPECT_EQ(proactor->cancel_timer(quiet, true), 0);
     EXPECT_EQ(closed, (std::vector<std::pair<uint32_t, intptr_t>>{{0, loud}}));
     proactor->close();
     ASSERT_EQ(closed.size(), 2u);
     EXPECT_EQ(closed[1], (std::pair<uint32_t, intptr_t>{0, last}));
-    EXPECT_EQ(handler->addref(), 2);
-    handler->release();
-}
-
-TEST_F(ProactorTimer, ReschedulingMovesItBothWays) {
-    Ref<Handler> handler(new Handler);
-    Tally fired;
-    handler->on_timeout = [&](int32_t, uint32_t&) {
-        fired.add();
-        return -1;
-    };
-    const auto start = Clock::now();
-    const int32_t id = proactor->schedule_timer(handler.get(), 100000);
-    EXPECT_EQ(proactor->reschedule_timer(id, 30), 0); // sooner: the waiting thread must hear of it
-    ASSERT_TRUE(fired.reaches(1));
-    EXPECT_GE(ms_since(start), 29);
-    const int32_t delayed = proactor->schedule_timer(handler.get(), 50);
-    const auto again = Clock::now();
-    EXPECT_EQ(proactor->reschedule_timer(delayed, 120), 0);
-    ASSERT_TRUE(fired.reaches(2));
-    EXPECT_GE(ms_since(again), 119);
-}
-
-TEST_F(ProactorTimer, HandlersMayCancelAndScheduleInside) {
-    Ref<Handler> handler(new Handler);
-    Tally fired;
-    std::atomic<int32_t> victim{0};
-    handler->on_timeout = [&](int32_t id, uint32_t&) {
-        if (id == victim) ADD_FAILURE() << "a cancelled timer ran";
-        EXPECT_EQ(proactor->cancel_timer(victim, true), 0);
-        EXPECT_EQ(proactor->cancel_timer(id, true), 0);
-        victim = proactor->schedule_timer(handler.get(), 100000);
-        fired.add();
-        return 0; // the timer is gone already
-    };
-    victim = proactor->schedule_timer(handler.get(), 100000);
-    proactor->schedule_timer(handler.get(), 1);
-    ASSERT_TRUE(fired.reaches(1));
-    EXPECT_EQ(proactor->cancel_timer(victim, false), 0);
-    EXPECT_EQ(handler->closes.count(), 1);
+    EXPECT_EQ(handler->references(), 1);
 }
 
 TEST_F(ProactorTimer, APassEndsWhereTheTimerThatItBeganWithComesRound) {

@@ -24,12 +24,10 @@ using namespace vel;
 constexpr uint32_t long_ms = 10000;
 constexpr uint32_t short_ms = 20;
 
-/// What the threads of these tests work on.
 struct Work {
     Work() { os::create_event(true, false, stop); }
     ~Work() { os::close_handle(stop); }
-    std::atomic<int> started{0};
-    std::atomic<int> cancelled{0};
+    std::atomic<int> started{0}, cancelled{0};
     void* stop = nullptr;
 };
 
@@ -42,9 +40,7 @@ int poll_cancel(void* argument) {
 
 /// Runs until its cancel function sets the event.
 int wait_for_stop(void* argument) {
-    auto* work = static_cast<Work*>(argument);
-    ++work->started;
-    os::wait_handle(work->stop, long_ms);
+    os::wait_handle(static_cast<Work*>(argument)->stop, long_ms);
     return 6;
 }
 
@@ -60,7 +56,6 @@ protected:
     VEL_thread_t spawn(int (*func)(void*), int grp = 1, uint32_t flags = 0, int (*cancel)(void*) = nullptr) {
         VEL_thread_t thread;
         EXPECT_EQ(manager_.spawn(func, &work_, thread, grp, 0, flags, cancel), 0);
-        EXPECT_FALSE(thread.invalid());
         return thread;
     }
     void wait_until_started(int count) {
@@ -77,127 +72,55 @@ protected:
     VEL_Thread_Manager manager_{17};
 };
 
-TEST_F(ThreadManager, SpawnsSuspendedThreadsThatRunWhenResumed) {
-    const VEL_thread_t thread = spawn(poll_cancel, 7, 1);
-    EXPECT_EQ(manager_.thr_state(thread), THR_SUSPENDED);
-    EXPECT_EQ(manager_.get_grp(thread), 7);
-    EXPECT_EQ(manager_.thr_count(), 1u);
-    EXPECT_EQ(work_.started, 0);
-    EXPECT_EQ(manager_.resume(thread), 1);
-    EXPECT_EQ(manager_.thr_state(thread), THR_RUNNING);
-    wait_until_started(1);
-    int exit_code = 0;
-    EXPECT_EQ(manager_.join(thread, &exit_code), 0);
-    EXPECT_EQ(exit_code, 5);
-    EXPECT_EQ(manager_.thr_count(), 0u);
-}
-
-TEST_F(ThreadManager, SpawnOfNoneOrTooManyCreatesNothing) {
-    VEL_thread_t unused;
-    EXPECT_EQ(manager_.spawn(poll_cancel, &work_, 0, &unused, 1, 0, 0, nullptr), 0);
-    EXPECT_TRUE(unused.invalid());
-    expect_error([&] { return manager_.spawn(poll_cancel, &work_, SIZE_MAX, nullptr, 1, 0, 0, nullptr); },
-                 error::not_enough_memory);
-    const uint64_t before = os::open_handle_count();
-    VELLib::SetErrorCode(1);
-    EXPECT_EQ(manager_.spawn(poll_cancel, &work_, 4, nullptr, 1, 0xFFFFF000u, 0, nullptr), 0); // 4 GiB each, untouched
-    EXPECT_EQ(manager_.cancel(1), 0);
-    EXPECT_EQ(manager_.wait(1, long_ms), 0);
-    EXPECT_EQ(os::open_handle_count(), before);
-    EXPECT_EQ(manager_.thr_count(), 0u);
-}
-
 TEST_F(ThreadManager, AThreadKnowsItselfAndItsStateToTheEnd) {
     static VEL_thread_t seen;
-    const VEL_thread_t thread = spawn([](void*) {
-        seen = VEL_Thread_Manager::thr_self();
-        return VEL_Thread_Manager::testcancel(VEL_thread_t()) ? 1 : 2;
-    });
+    const VEL_thread_t thread = spawn([](void*) { return seen = VEL_Thread_Manager::thr_self(), 2; }, 1, 1);
+    EXPECT_EQ(manager_.thr_state(thread), THR_SUSPENDED);
+    EXPECT_EQ(manager_.resume(thread), 1);
     EXPECT_EQ(os::wait_handle(thread.thr_handle(), long_ms), error::none);
     EXPECT_EQ(seen, thread);
     EXPECT_EQ(manager_.thr_state(thread), THR_EXITED);
-    EXPECT_EQ(manager_.thr_count(), 1u); // stays known until somebody waits
-    EXPECT_EQ(manager_.wait(thread, 0), 0);
-    EXPECT_EQ(manager_.thr_count(), 0u);
-    EXPECT_TRUE(VEL_Thread_Manager::thr_self().invalid());
-    EXPECT_FALSE(VEL_Thread_Manager::testcancel(thread));
-}
-
-TEST_F(ThreadManager, CancelCallsTheFunctionAndGroupsAreToldApart) {
-    const VEL_thread_t in_group = spawn(wait_for_stop, 1, 0, set_stop);
-    const VEL_thread_t other = spawn(poll_cancel, 2);
-    EXPECT_EQ(manager_.cancel(2), 0);
-    EXPECT_EQ(work_.cancelled, 0);
-    EXPECT_EQ(manager_.wait(2, long_ms), 0);
-    EXPECT_EQ(manager_.thr_count(), 1u);
-    EXPECT_EQ(manager_.cancel(in_group), 0);
-    EXPECT_EQ(work_.cancelled, 1);
-    EXPECT_EQ(manager_.wait(VEL_INFINITE), 0);
-    expect_error([&] { return manager_.cancel(other); }, error::not_found);
-    EXPECT_EQ(manager_.cancel(2), 0);
+    EXPECT_EQ(manager_.wait(thread, 0), 0) << "stays known until somebody waits";
 }
 
 TEST_F(ThreadManager, UnknownThreadsGiveNotFound) {
-    const VEL_thread_t thread = spawn(poll_cancel);
-    EXPECT_EQ(manager_.join(thread, nullptr), 0);
-    const VEL_thread_t stranger(thread.thr_handle(), thread.thr_id() + 1);
-    for (const VEL_thread_t& unknown : {thread, VEL_thread_t(), stranger}) {
+    const VEL_thread_t plain = spawn(poll_cancel);
+    expect_error([&] { return manager_.remove_handler(plain, nullptr, work_.stop, 1); }, error::not_implemented);
+    for (const VEL_thread_t& unknown : {VEL_thread_t(), VEL_thread_t(plain.thr_handle(), plain.thr_id() + 1)}) {
         expect_error([&] { return manager_.join(unknown, nullptr); }, error::not_found);
         expect_error([&] { return manager_.wait(unknown, 0); }, error::not_found);
         expect_error([&] { return manager_.kill(unknown, 0); }, error::not_found);
-        expect_error([&] { return manager_.suspend(unknown); }, error::not_found);
-        expect_error([&] { return manager_.resume(unknown); }, error::not_found);
         expect_error([&] { return manager_.thr_state(unknown); }, error::not_found);
-        expect_error([&] { return manager_.get_grp(unknown); }, error::not_found);
-        expect_error([&] { return manager_.set_grp(unknown, 1); }, error::not_found);
-        expect_error([&] { return manager_.register_handler(unknown, nullptr, static_cast<void*>(nullptr), 1); },
-                     error::not_found);
     }
-}
-
-TEST_F(ThreadManager, PlainThreadsHaveNoReactor) {
-    const VEL_thread_t thread = spawn(poll_cancel);
-    auto* handler = static_cast<VEL_Event_Handler*>(nullptr);
-    void* handle = nullptr;
-    expect_error([&] { return manager_.register_handler(thread, handler, handle, 1); }, error::not_implemented);
-    expect_error([&] { return manager_.register_handler(thread, handle, handler, 1); }, error::not_implemented);
-    expect_error([&] { return manager_.remove_handler(thread, handler, handle, 1); }, error::not_implemented);
-    expect_error([&] { return manager_.remove_handler(thread, handle, handler, 1); }, error::not_implemented);
 }
 
 TEST_F(ThreadManager, WaitsShareOneBudgetAndKeepWhatHasNotEnded) {
     VEL_thread_t threads[4];
     ASSERT_EQ(manager_.spawn(poll_cancel, &work_, 4, threads, 3, 0, 0, nullptr), 0);
-    expect_error([&] { return manager_.wait(threads[0], 0); }, error::wait_timeout);
     const uint64_t before = os::tick_ms64();
     expect_error([&] { return manager_.wait(3, 4 * short_ms); }, error::wait_timeout);
     expect_error([&] { return manager_.wait(4 * short_ms); }, error::wait_timeout);
     const uint64_t elapsed = os::tick_ms64() - before;
     EXPECT_GE(elapsed, 8 * short_ms);
     EXPECT_LT(elapsed, 32 * short_ms); // a budget for each thread would take that long
-    EXPECT_EQ(manager_.thr_count(), 4u);
     EXPECT_EQ(manager_.set_grp(threads[0], 4), 0);
     EXPECT_EQ(manager_.cancel(4), 0);
     EXPECT_EQ(manager_.wait(4, long_ms), 0);
     EXPECT_EQ(manager_.thr_count(), 3u);
-    EXPECT_EQ(manager_.cancel_all(), 0);
-    EXPECT_EQ(manager_.wait(long_ms), 0);
-    EXPECT_EQ(manager_.thr_count(), 0u);
 }
 
 TEST_F(ThreadManager, JoinAndCloseEndThreadsThatWereNeverResumed) {
+    expect_error([&] { return manager_.spawn(poll_cancel, &work_, SIZE_MAX, nullptr, 1, 0, 0, nullptr); },
+                 error::not_enough_memory);
     int exit_code = 0;
     EXPECT_EQ(manager_.join(spawn(poll_cancel, 1, 1), &exit_code), 0);
     EXPECT_EQ(exit_code, -1);
-    spawn(poll_cancel, 1, 1);
     spawn(wait_for_stop, 1, 0, set_stop);
     manager_.close();
     EXPECT_EQ(manager_.thr_count(), 0u);
-    EXPECT_EQ(work_.started + work_.cancelled, 1 + 2); // close cancels, and so does its join
+    EXPECT_EQ(work_.cancelled, 2); // close cancels, and so does its join
     VEL_thread_t thread;
     expect_error([&] { return manager_.spawn(poll_cancel, &work_, thread, 1, 0, 0, nullptr); }, error::object_closed);
-    expect_error([&] { return manager_.spawn(static_cast<VEL_Task_Base*>(nullptr), thread, 1, 0, 0); },
-                 error::object_closed);
 }
 
 TEST_F(ThreadManager, NobodyWaitsForItself) {
@@ -229,21 +152,14 @@ TEST_F(ThreadManager, SuspendsKillsAndForgets) {
     wait_until_started(1);
     EXPECT_EQ(manager_.suspend(thread), 0);
     EXPECT_EQ(manager_.suspend(1), 0);
-    EXPECT_EQ(manager_.thr_state(thread), THR_SUSPENDED);
     EXPECT_EQ(manager_.resume(thread), 2);
     EXPECT_EQ(manager_.thr_state(thread), THR_SUSPENDED); // still one to go
     EXPECT_EQ(manager_.resume(1), 0);
-    EXPECT_EQ(manager_.thr_state(thread), THR_RUNNING);
     EXPECT_EQ(manager_.kill(thread, 9), 0);
     expect_error([&] { return manager_.thr_state(thread); }, error::not_found);
-    const VEL_thread_t ended = spawn([](void*) { return 0; });
-    EXPECT_EQ(os::wait_handle(ended.thr_handle(), long_ms), error::none);
-    EXPECT_EQ(manager_.kill(ended, 9), 0); // has ended by itself: forgotten all the same
-    spawn(poll_cancel, 2);
     spawn(wait_for_stop, 2);
     spawn(poll_cancel, 2, 1);
     EXPECT_EQ(manager_.kill(2, 9), 0);
-    EXPECT_EQ(manager_.thr_count(), 0u);
     EXPECT_EQ(os::open_handle_count(), before);
 }
 
@@ -253,29 +169,20 @@ TEST_F(ThreadManager, ASuspendedCallerDoesNotHoldTheLock) {
 #endif
     static VEL_Thread_Manager* manager;
     manager = &manager_;
-    for (const int by_group : {0, 1}) {
-        const VEL_thread_t thread = spawn(by_group ? [](void*) { return manager->suspend(1); } : [](void*) {
-            return manager->suspend(VEL_Thread_Manager::thr_self());
-        });
-        while (manager_.resume(thread) == 0) std::this_thread::yield();
-        int exit_code = -1;
-        EXPECT_EQ(manager_.join(thread, &exit_code), 0);
-        EXPECT_EQ(exit_code, 0);
-    }
+    const VEL_thread_t thread = spawn([](void*) { return manager->suspend(1); });
+    while (manager_.resume(thread) == 0) std::this_thread::yield();
+    EXPECT_EQ(manager_.join(thread, nullptr), 0);
 }
 
-TEST_F(ThreadManager, JoinsWaitsAndKillsOfTheSameThreadsRace) {
+TEST_F(ThreadManager, JoinsAndWaitsForTheSameThreadsRace) {
     const uint64_t before = os::open_handle_count();
     for (int round = 0; round < 30; ++round) {
         VEL_thread_t threads[4];
         ASSERT_EQ(manager_.spawn(poll_cancel, &work_, 4, threads, 1, 0, 0, nullptr), 0);
         std::thread waiter([&] { EXPECT_EQ(manager_.wait(1, long_ms), 0); });
-        std::thread second([&] { EXPECT_EQ(manager_.wait(long_ms), 0); });
         manager_.join(threads[round % 4], nullptr);
         EXPECT_EQ(manager_.cancel_all(), 0);
         waiter.join();
-        second.join();
-        ASSERT_EQ(manager_.thr_count(), 0u);
     }
     EXPECT_EQ(os::open_handle_count(), before);
 }
