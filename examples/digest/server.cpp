@@ -6,6 +6,7 @@
 // summary on SIGINT or SIGTERM. Exit codes: 0 ended by a signal, 1 cannot listen, 2 wrong arguments.
 #include "connection.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -24,6 +25,7 @@ struct Options {
 };
 
 constexpr int pending_accepts = 8;
+constexpr uint32_t accept_retry_ms = 500;
 constexpr uint32_t signal_check_ms = 200;
 
 volatile std::sig_atomic_t stop_requested = 0;
@@ -38,7 +40,16 @@ public:
     int handle_accept(VEL_Async_Accept_Operation* op, uint32_t error) override {
         if (error == 0) serve(static_cast<VEL_Async_SOCK_Accept&>(*op));
         delete op;
-        return accept(); // -1 once the listener is closed
+        if (error == 0 && accept() == 0) return 0;
+        if (check_open() < 0) return -1;
+        ++owed_;
+        return 0;
+    }
+
+    /// Takes up the accepts that could not be started, for want of descriptors most likely.
+    int handle_timeout(int32_t, uint32_t&, VEL_Proactor*) override {
+        while (owed_ > 0 && accept() == 0) --owed_;
+        return 0;
     }
 
 private:
@@ -50,6 +61,7 @@ private:
 
     digest::Totals& totals_;
     const uint32_t idle_ms_;
+    std::atomic<int> owed_{0};
 };
 
 bool parse(int argc, char** argv, Options& options) {
@@ -72,7 +84,7 @@ int fail(const char* what) {
 
 int listen(Acceptor& acceptor, VEL_Proactor& proactor, uint16_t port) {
     VEL_INET_Addr address;
-    if (acceptor.open(&proactor, port, 0) < 0) return -1;
+    if (acceptor.open(&proactor, port, 0) < 0 || acceptor.set_timeout(accept_retry_ms) < 0) return -1;
     for (int i = 0; i < pending_accepts; ++i)
         if (acceptor.accept() < 0) return -1;
     if (VELLib::getsockname(reinterpret_cast<uint64_t>(acceptor.get_handle()), address) < 0) return -1;
