@@ -19,6 +19,10 @@ bool is_socket(uint64_t handle);
 
 /// Stream sockets may bind over connections in TIME_WAIT.
 uint32_t bind_socket(uint64_t socket, const void* address, int32_t length);
+
+/// Binds a stream socket that is going to connect to any local address. The system may leave the choice of the port to
+/// the connect, so that connections to different peers can share one.
+uint32_t bind_for_connect(uint64_t socket);
 uint32_t listen_socket(uint64_t socket);
 
 /// The new socket is blocking, whatever the listener is.

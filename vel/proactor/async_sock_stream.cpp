@@ -1,6 +1,7 @@
 // TCP connection on a proactor.
 #include <vel/proactor/async_sock_stream.h>
 
+#include <vel/os/socket.h>
 #include <vel/platform/sockets.h>
 #include <vel/proactor/async_connect.h>
 #include <vel/proactor/fail.h>
@@ -16,7 +17,8 @@ int VEL_Async_SOCK_Stream::open(VEL_Proactor* proactor, const VEL_INET_Addr& rem
     if (socket_.open(proactor, socket, this, remote, key) < 0) return -1;
     auto connect = [&](VEL_Async_SOCK_Connect& op) {
         if (op.completion_key() != key) return vel::fail(vel::error::not_a_socket); // closed and opened again meanwhile
-        return VELLib::bind(socket, VEL_INET_Addr()) < 0 ? -1 : op.connect(remote);
+        const uint32_t code = vel::os::bind_for_connect(socket);
+        return code != vel::error::none ? vel::fail(code) : op.connect(remote);
     };
     if (socket_.start<VEL_Async_SOCK_Connect>(this, connect) == 0) return 0;
     socket_.abandon(proactor, key);

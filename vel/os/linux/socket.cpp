@@ -121,6 +121,18 @@ uint32_t bind_socket(uint64_t socket, const void* address, int32_t length) {
     return code_of(::bind(object->descriptor(), static_cast<const sockaddr*>(address), static_cast<socklen_t>(length)));
 }
 
+uint32_t bind_for_connect(uint64_t socket) {
+    {
+        const PinnedSocket object = pin_socket(socket);
+        if (!object) return error::not_a_socket;
+        const int on = 1; // without it each connection keeps a whole port of the system's few to itself
+        ::setsockopt(object->descriptor(), IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
+    }
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    return bind_socket(socket, &any, sizeof any);
+}
+
 uint32_t listen_socket(uint64_t socket) {
     const PinnedSocket object = pin_socket(socket);
     if (!object) return error::not_a_socket;
