@@ -4,7 +4,7 @@
 //            port was closed; from a successful start to that moment only the port touches them. A failed start
 //            leaves no completion, and the request is the starter's again.
 // Threads:   every call from any thread. A request outlives the thread that started it. Any number of threads may
-//            wait; a completion never waits for a busy thread while another one waits here.
+//            wait; a completion waits for a busy thread no longer than a few milliseconds while another one waits here.
 // Order:     requests of one direction of one handle complete in the order in which they were started; different
 //            threads may take them. Posts of one thread are taken in the order in which they were posted.
 // Events:    a record's hEvent, when not null, is set once its transfer has finished and its completion is queued.

@@ -1,6 +1,7 @@
 // Contract of the completion port: one completion a request, whatever happens to its handle meanwhile.
 #include <vel/testing/completion_port_fixture.h>
 
+#include <functional>
 #include <memory>
 
 namespace vel::os::testing {
@@ -8,7 +9,17 @@ namespace {
 
 TYPED_TEST_SUITE(CompletionPort, CompletionPortBackEnds);
 
-// Races: exactly one completion a started request, whatever happens to its handle meanwhile.
+// What the workers of a race have taken.
+struct Tally {
+    std::atomic<int> completed{0};
+    std::atomic<int> doubled{0};
+
+    void operator()(const Completion& completion) {
+        auto& request = *static_cast<Request*>(static_cast<IoRequest*>(completion.record));
+        if (++request.completions != 1) ++doubled;
+        ++completed;
+    }
+};
 
 TYPED_TEST(CompletionPort, ClosingRacesWithDatagramTransfers) {
     constexpr int rounds = 60000;
@@ -18,13 +29,8 @@ TYPED_TEST(CompletionPort, ClosingRacesWithDatagramTransfers) {
         Address address;
         int started = 0;
     };
-    std::atomic<int> completed{0};
-    std::atomic<int> doubled{0};
-    typename TestFixture::Workers workers(this->port_, 3, [&](const Completion& completion) {
-        auto& request = *static_cast<Request*>(static_cast<IoRequest*>(completion.record));
-        if (++request.completions != 1) ++doubled;
-        ++completed;
-    });
+    Tally tally;
+    typename TestFixture::Workers workers(this->port_, 3, std::ref(tally));
     void* to_close = nullptr; // sockets on their way to the thread that closes them
     ASSERT_EQ(TypeParam::create(1, to_close), 0u);
     auto closer = std::make_unique<typename TestFixture::Workers>(
@@ -43,13 +49,13 @@ TYPED_TEST(CompletionPort, ClosingRacesWithDatagramTransfers) {
         started += round->started;
         held.push_back(std::move(round));
         if (held.size() < 200) continue;
-        ASSERT_TRUE(eventually([&] { return completed == started; })) << completed << " of " << started;
+        ASSERT_TRUE(eventually([&] { return tally.completed == started; })) << tally.completed << " of " << started;
         held.clear();
     }
     closer.reset();
     TypeParam::close(to_close);
-    EXPECT_TRUE(eventually([&] { return completed == started; })) << completed << " of " << started;
-    EXPECT_EQ(doubled.load(), 0);
+    EXPECT_TRUE(eventually([&] { return tally.completed == started; })) << tally.completed << " of " << started;
+    EXPECT_EQ(tally.doubled.load(), 0);
     workers.stop();
     this->expect_empty();
 }
@@ -57,57 +63,44 @@ TYPED_TEST(CompletionPort, ClosingRacesWithDatagramTransfers) {
 TYPED_TEST(CompletionPort, ClosingRacesWithStreamTransfers) {
     constexpr int rounds = 4000;
     constexpr int requests = 10;
-    std::atomic<int> completed{0};
-    std::atomic<int> doubled{0};
-    typename TestFixture::Workers workers(this->port_, 3, [&](const Completion& completion) {
-        auto& request = *static_cast<Request*>(static_cast<IoRequest*>(completion.record));
-        if (++request.completions != 1) ++doubled;
-        ++completed;
-    });
-    Address address;
-    const uint64_t listener = this->keep(open_listener(address));
+    Tally tally;
+    typename TestFixture::Workers workers(this->port_, 3, std::ref(tally));
     for (int round = 0; round < rounds; ++round) {
-        const uint64_t client = connect_to(address);
-        uint64_t server = VEL_INVALID_SOCKET;
-        Address peer;
-        int32_t length = sizeof peer;
-        ASSERT_EQ(accept_socket(listener, &peer, length, server), 0u);
-        this->associate(server, 1);
-        completed = 0;
+        const Pair pair = this->connected(1);
+        reset_on_close(pair.client);
+        tally.completed = 0;
         int started = 0;
         std::array<Request, requests> receives;
         std::array<Request, requests> sends;
         std::thread closer([&] {
             uint64_t moved = 0;
-            os::send(client, "0123456789", 10, moved);
-            if (round % 4 == 0) close_socket(client);
-            close_socket(server);
+            os::send(pair.client, "0123456789", 10, moved);
+            if (round % 4 == 0) close_socket(pair.client);
+            close_socket(pair.server);
         });
         for (size_t i = 0; i < requests; ++i) {
-            started += this->receive(server, receives[i]) == 0;
-            started += this->send(server, sends[i]) == 0;
+            started += this->receive(pair.server, receives[i]) == 0;
+            started += this->send(pair.server, sends[i]) == 0;
         }
         closer.join();
-        ASSERT_TRUE(eventually([&] { return completed == started; })) << completed << " of " << started;
-        close_socket(client);
+        ASSERT_TRUE(eventually([&] { return tally.completed == started; })) << tally.completed << " of " << started;
+        close_socket(pair.client);
     }
-    EXPECT_EQ(doubled.load(), 0);
+    EXPECT_EQ(tally.doubled.load(), 0);
 }
 
 TYPED_TEST(CompletionPort, ClosingRacesWithConnectsAndAccepts) {
     constexpr int rounds = 4000;
-    std::atomic<int> completed{0};
-    typename TestFixture::Workers workers(this->port_, 3, [&](const Completion&) { ++completed; });
+    Tally tally;
+    typename TestFixture::Workers workers(this->port_, 3, std::ref(tally));
     int started = 0;
     for (int round = 0; round < rounds; ++round) {
         Address address, local, remote;
         const uint64_t listener = open_listener(address);
-        uint64_t prepared = VEL_INVALID_SOCKET;
-        uint64_t socket = VEL_INVALID_SOCKET;
-        ASSERT_EQ(open_socket(ipv4, stream, 0, prepared), 0u);
-        ASSERT_EQ(open_socket(ipv4, stream, 0, socket), 0u);
         this->associate(listener, 1);
-        this->associate(socket, 2);
+        const uint64_t prepared = this->open_stream();
+        const uint64_t socket = this->associated_stream(2);
+        reset_on_close(socket);
         Request accept;
         Request connect;
         started += TypeParam::accept(listener, accept, prepared, &local, &remote) == 0;
@@ -115,7 +108,7 @@ TYPED_TEST(CompletionPort, ClosingRacesWithConnectsAndAccepts) {
         close_socket(round % 3 == 0 ? listener : round % 3 == 1 ? prepared : socket);
         close_socket(round % 3 == 0 ? socket : listener);
         close_socket(round % 3 == 1 ? socket : prepared);
-        ASSERT_TRUE(eventually([&] { return completed == started; })) << completed << " of " << started;
+        ASSERT_TRUE(eventually([&] { return tally.completed == started; })) << tally.completed << " of " << started;
     }
 }
 

@@ -10,12 +10,10 @@ namespace {
 
 TYPED_TEST_SUITE(CompletionPort, CompletionPortBackEnds);
 
-// Stream transfers.
-
 TYPED_TEST(CompletionPort, ReceivesBeforeAndAfterTheData) {
     const Pair pair = this->connected(3);
-    Request early;
-    ASSERT_EQ(this->receive(pair.server, early), 0u);
+    Request early, late;
+    std::thread([&] { EXPECT_EQ(this->receive(pair.server, early), 0u); }).join(); // outlives its starter
     this->expect_empty();
     send_text(pair.client, "first");
     Completion completion = this->take();
@@ -23,30 +21,21 @@ TYPED_TEST(CompletionPort, ReceivesBeforeAndAfterTheData) {
     EXPECT_EQ(completion.key, 3u);
     EXPECT_EQ(completion.error, 0u);
     EXPECT_EQ(early.data.substr(0, completion.bytes), "first");
-
     send_text(pair.client, "second");
-    Request late;
     ASSERT_EQ(this->receive(pair.server, late), 0u);
     completion = this->take();
     EXPECT_EQ(late.data.substr(0, completion.bytes), "second");
 }
 
 TYPED_TEST(CompletionPort, DataFromBeforeTheAssociationIsFound) {
-    Address address;
-    const uint64_t listener = this->keep(open_listener(address));
-    const uint64_t client = this->keep(connect_to(address));
-    uint64_t server = VEL_INVALID_SOCKET;
-    int32_t length = sizeof address;
-    ASSERT_EQ(accept_socket(listener, &address, length, server), 0u);
-    this->keep(server);
-    send_text(client, "early");
-    shutdown_socket(client, 1);
-    this->associate(server, 1);
-    Request data;
-    Request end;
-    ASSERT_EQ(this->receive(server, data), 0u);
+    const Pair pair = this->unassociated();
+    send_text(pair.client, "early");
+    shutdown_socket(pair.client, 1);
+    this->associate(pair.server, 1);
+    Request data, end;
+    ASSERT_EQ(this->receive(pair.server, data), 0u);
     EXPECT_EQ(this->take().bytes, 5u);
-    ASSERT_EQ(this->receive(server, end), 0u);
+    ASSERT_EQ(this->receive(pair.server, end), 0u);
     const Completion completion = this->take();
     EXPECT_EQ(completion.bytes, 0u);
     EXPECT_EQ(completion.error, 0u);
@@ -105,42 +94,48 @@ TYPED_TEST(CompletionPort, EmptyReceiveWaitsForInputAndTakesNone) {
     EXPECT_EQ(this->take().bytes, 4u);
 }
 
+// Receives until the expected text is whole or the stream ends.
+bool receives_exactly(uint64_t socket, const std::string& expected) {
+    std::vector<char> buffer(1 << 16);
+    size_t total = 0;
+    while (total < expected.size()) {
+        uint64_t moved = 0;
+        if (os::receive(socket, buffer.data(), buffer.size(), moved) != 0 || moved == 0) return false;
+        if (expected.compare(total, moved, buffer.data(), moved) != 0) return false;
+        total += moved;
+    }
+    return true;
+}
+
 TYPED_TEST(CompletionPort, LargeSendCompletesOnceWithAllBytes) {
     constexpr size_t size = 64 << 20;
-    const Pair pair = this->connected(1);
-    const int small = 128 << 10;
-    ASSERT_EQ(set_option(pair.server, 0xFFFF, 0x1001, &small, sizeof small), 0u);
-    Request whole(size);
-    for (size_t i = 0; i < size; i += 4096) whole.data[i] = static_cast<char>(i >> 12);
-    std::thread reader([&] {
-        std::vector<char> buffer(1 << 16);
-        size_t total = 0;
-        bool right = true;
-        while (total < size) {
-            uint64_t moved = 0;
-            if (os::receive(pair.client, buffer.data(), buffer.size(), moved) != 0 || moved == 0) break;
-            right &= std::equal(buffer.begin(), buffer.begin() + static_cast<ptrdiff_t>(moved),
-                                whole.data.begin() + static_cast<ptrdiff_t>(total));
-            total += moved;
-        }
-        EXPECT_EQ(total, size);
+    for (const bool small_buffer : {true, false}) {
+        const Pair pair = this->connected(1);
+        const int bytes = 128 << 10;
+        if (small_buffer) set_option(pair.server, 0xFFFF, 0x1001, &bytes, sizeof bytes);
+        Request whole(size);
+        for (size_t i = 0; i < size; i += 4096) whole.data[i] = static_cast<char>(i >> 12);
+        this->expect_empty();
+        ASSERT_EQ(this->send(pair.server, whole), 0u);
+        this->expect_empty();
+        bool right = false;
+        std::thread reader([&] { right = receives_exactly(pair.client, whole.data); });
+        const Completion completion = this->take();
+        EXPECT_EQ(completion.record, &whole);
+        EXPECT_EQ(completion.bytes, size);
+        EXPECT_EQ(completion.error, 0u);
+        close_socket(pair.server);
+        reader.join();
         EXPECT_TRUE(right);
-    });
-    ASSERT_EQ(this->send(pair.server, whole), 0u);
-    const Completion completion = this->take();
-    EXPECT_EQ(completion.record, &whole);
-    EXPECT_EQ(completion.bytes, size);
-    EXPECT_EQ(completion.error, 0u);
-    reader.join();
-    this->expect_empty();
+        this->expect_empty();
+    }
 }
 
 TYPED_TEST(CompletionPort, ConnectionErrorsArriveAsCompletions) {
     const Pair pair = this->connected(1);
     Request waiting;
     ASSERT_EQ(this->receive(pair.server, waiting), 0u);
-    const struct { uint16_t on, seconds; } abortive{1, 0};
-    ASSERT_EQ(set_option(pair.client, 0xFFFF, 0x80, &abortive, sizeof abortive), 0u);
+    reset_on_close(pair.client);
     close_socket(pair.client);
     EXPECT_EQ(this->take().error, error::connection_reset);
     Request late;
@@ -151,9 +146,7 @@ TYPED_TEST(CompletionPort, ConnectionErrorsArriveAsCompletions) {
 TYPED_TEST(CompletionPort, WrongCallsFailAtTheStart) {
     Request request;
     Address address;
-    uint64_t lone = VEL_INVALID_SOCKET;
-    ASSERT_EQ(open_socket(ipv4, stream, 0, lone), 0u);
-    this->keep(lone);
+    const uint64_t lone = this->open_stream();
     void* handle = reinterpret_cast<void*>(lone);
     EXPECT_EQ(this->receive(lone, request), error::invalid_parameter);
     this->associate(lone, 1);
@@ -178,10 +171,7 @@ TYPED_TEST(CompletionPort, WrongCallsFailAtTheStart) {
 TYPED_TEST(CompletionPort, ConnectsAndIsRefused) {
     Address address;
     const uint64_t listener = this->keep(open_listener(address));
-    uint64_t socket = VEL_INVALID_SOCKET;
-    ASSERT_EQ(open_socket(ipv4, stream, 0, socket), 0u);
-    this->keep(socket);
-    this->associate(socket, 4);
+    const uint64_t socket = this->associated_stream(4);
     Request connecting;
     Request greeting;
     ASSERT_EQ(TypeParam::connect(socket, connecting, &address, sizeof address), 0u);
@@ -194,10 +184,7 @@ TYPED_TEST(CompletionPort, ConnectsAndIsRefused) {
     EXPECT_EQ(completion.bytes, greeting.data.size());
     close_socket(listener);
 
-    uint64_t refused = VEL_INVALID_SOCKET;
-    ASSERT_EQ(open_socket(ipv4, stream, 0, refused), 0u);
-    this->keep(refused);
-    this->associate(refused, 5);
+    const uint64_t refused = this->associated_stream(5);
     ASSERT_EQ(TypeParam::connect(refused, connecting, &address, sizeof address), 0u);
     completion = this->take();
     EXPECT_EQ(completion.key, 5u);
@@ -207,8 +194,7 @@ TYPED_TEST(CompletionPort, ConnectsAndIsRefused) {
 TYPED_TEST(CompletionPort, SeveralAcceptsAreServedByOneEdge) {
     constexpr int count = 12;
     Address address;
-    const uint64_t listener = this->keep(open_listener(address));
-    this->associate(listener, 1);
+    const uint64_t listener = this->listening(address, 1);
     struct Accept : Request {
         uint64_t socket = VEL_INVALID_SOCKET;
         Address local, remote;
@@ -217,8 +203,7 @@ TYPED_TEST(CompletionPort, SeveralAcceptsAreServedByOneEdge) {
     std::vector<uint64_t> clients;
     for (int i = 0; i < count / 2; ++i) clients.push_back(this->keep(connect_to(address)));
     for (Accept& each : accepts) {
-        ASSERT_EQ(open_socket(ipv4, stream, 0, each.socket), 0u);
-        this->keep(each.socket);
+        each.socket = this->open_stream();
         ASSERT_EQ(TypeParam::accept(listener, each, each.socket, &each.local, &each.remote), 0u);
     }
     for (int i = count / 2; i < count; ++i) clients.push_back(this->keep(connect_to(address)));
@@ -243,12 +228,8 @@ TYPED_TEST(CompletionPort, SeveralAcceptsAreServedByOneEdge) {
 
 TYPED_TEST(CompletionPort, AcceptsIntoASocketThatIsAssociatedAlready) {
     Address address;
-    const uint64_t listener = this->keep(open_listener(address));
-    this->associate(listener, 1);
-    uint64_t prepared = VEL_INVALID_SOCKET;
-    ASSERT_EQ(open_socket(ipv4, stream, 0, prepared), 0u);
-    this->keep(prepared);
-    this->associate(prepared, 2);
+    const uint64_t listener = this->listening(address, 1);
+    const uint64_t prepared = this->associated_stream(2);
     Request accept;
     Address local, remote;
     ASSERT_EQ(TypeParam::accept(listener, accept, prepared, &local, &remote), 0u);
@@ -265,20 +246,18 @@ TYPED_TEST(CompletionPort, AcceptsIntoASocketThatIsAssociatedAlready) {
 
 TYPED_TEST(CompletionPort, AClosedPreparedSocketCostsNoConnection) {
     Address address;
-    const uint64_t listener = this->keep(open_listener(address));
-    this->associate(listener, 1);
+    const uint64_t listener = this->listening(address, 1);
     uint64_t prepared[2];
     Request accepts[2];
     Address local, remote;
     for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(open_socket(ipv4, stream, 0, prepared[i]), 0u);
+        prepared[i] = this->open_stream();
         ASSERT_EQ(TypeParam::accept(listener, accepts[i], prepared[i], &local, &remote), 0u);
     }
     ASSERT_EQ(close_socket(prepared[0]), 0u);
     this->keep(connect_to(address));
     EXPECT_EQ(this->take().error, error::not_a_socket);
     EXPECT_EQ(this->take().error, 0u);
-    close_socket(prepared[1]);
 }
 
 // Datagrams.

@@ -83,6 +83,12 @@ inline uint64_t connect_to(const Address& address) {
     return socket;
 }
 
+// Has the close reset the connection: nothing of it stays behind, however many a test makes.
+inline void reset_on_close(uint64_t socket) {
+    const struct { uint16_t on, seconds; } abortive{1, 0};
+    EXPECT_EQ(set_option(socket, 0xFFFF, 0x80, &abortive, sizeof abortive), 0u);
+}
+
 inline void send_text(uint64_t socket, const std::string& text) {
     uint64_t moved = 0;
     ASSERT_EQ(os::send(socket, text.data(), text.size(), moved), 0u);
@@ -143,8 +149,7 @@ protected:
         return socket;
     }
 
-    // A connection whose server end is associated with the port.
-    Pair connected(uint32_t key) {
+    Pair unassociated() {
         Address address;
         const uint64_t listener = open_listener(address);
         Pair pair;
@@ -153,8 +158,32 @@ protected:
         EXPECT_EQ(accept_socket(listener, &address, length, pair.server), 0u);
         keep(pair.server);
         close_socket(listener);
+        return pair;
+    }
+
+    // A connection whose server end is associated with the port.
+    Pair connected(uint32_t key) {
+        const Pair pair = unassociated();
         associate(pair.server, key);
         return pair;
+    }
+
+    uint64_t open_stream() {
+        uint64_t socket = VEL_INVALID_SOCKET;
+        EXPECT_EQ(open_socket(ipv4, stream, 0, socket), 0u);
+        return keep(socket);
+    }
+
+    uint64_t associated_stream(uint32_t key) {
+        const uint64_t socket = open_stream();
+        associate(socket, key);
+        return socket;
+    }
+
+    uint64_t listening(Address& address, uint32_t key) {
+        const uint64_t listener = keep(open_listener(address));
+        associate(listener, key);
+        return listener;
     }
 
     uint64_t bound_datagram(Address& address, uint32_t key) {

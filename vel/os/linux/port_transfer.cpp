@@ -14,7 +14,7 @@ namespace {
 constexpr socklen_t address_bytes = 16;
 
 // A send goes on while the peer keeps up, but other handles get their turn after this many bytes.
-constexpr uint64_t bytes_per_turn = 4 << 20;
+constexpr uint64_t bytes_per_turn = 1 << 20;
 
 template <class Call>
 ssize_t retry(Call call) {
@@ -83,7 +83,7 @@ ssize_t send_some(const PortBinding& binding, const IoRequest& request) {
     });
 }
 
-// A short send is tried again: only the refused call makes sure of the next edge.
+// A short send is tried again: only a refused call is sure to bring an edge.
 bool send_all(const PortBinding& binding, PortDirection& direction, IoRequest& request, uint32_t& error) {
     const uint64_t end_of_turn = request.InternalHigh + bytes_per_turn;
     do {
