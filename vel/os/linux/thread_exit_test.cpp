@@ -32,7 +32,6 @@ uint32_t take_signals_late(void*) {
 }
 
 TEST(ThreadExit, ASignalThatComesTooLateDoesNotParkTheThread) {
-    started = leave = false;
     ASSERT_EQ(create_slot([](void*) { change_every_signal(SIG_UNBLOCK); }, slot), error::none);
     void* thread = nullptr;
     uint32_t id = 0, previous = 0;
@@ -44,7 +43,6 @@ TEST(ThreadExit, ASignalThatComesTooLateDoesNotParkTheThread) {
     EXPECT_EQ(wait_handle(thread, 10000), error::none);
     EXPECT_EQ(thread_exit_code(thread, previous), error::none);
     EXPECT_EQ(previous, 5u);
-    EXPECT_EQ(resume_thread(thread, previous), error::access_denied);
     close_handle(thread);
     free_slot(slot);
 }
