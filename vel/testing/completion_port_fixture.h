@@ -41,15 +41,13 @@ struct SystemPort {
     static constexpr auto send_to = start_send_to;
     static constexpr auto accept = start_accept;
     static constexpr auto connect = start_connect;
-    static uint32_t post(void* port, IoRequest& request, uint64_t bytes, uint32_t key) {
-        return post_completion(port, request, bytes, key);
-    }
-    static uint32_t post_record(void* port, OVERLAPPED* record, uint64_t bytes, uint32_t key) {
-        return post_completion(port, record, bytes, key);
+    // A bare completion, of no request.
+    static uint32_t post(void* port, uint64_t bytes, uint32_t key) {
+        return post_completion(port, nullptr, bytes, key);
     }
 };
 
-// A request with its buffer, and what its completion said.
+// A request with its buffer.
 struct Request : IoRequest {
     explicit Request(size_t size = 64) : IoRequest{}, data(size, '\0') {}
     std::string data;
@@ -61,9 +59,14 @@ struct Pair {
     uint64_t server = VEL_INVALID_SOCKET;
 };
 
-inline uint64_t open_bound(int type, Address& address) {
+inline uint64_t open(int type) {
     uint64_t socket = VEL_INVALID_SOCKET;
     EXPECT_EQ(open_socket(ipv4, type, 0, socket), 0u);
+    return socket;
+}
+
+inline uint64_t open_bound(int type, Address& address) {
+    const uint64_t socket = open(type);
     EXPECT_EQ(bind_socket(socket, &address, sizeof address), 0u);
     int32_t length = sizeof address;
     EXPECT_EQ(local_name(socket, &address, length), 0u);
@@ -77,8 +80,7 @@ inline uint64_t open_listener(Address& address) {
 }
 
 inline uint64_t connect_to(const Address& address) {
-    uint64_t socket = VEL_INVALID_SOCKET;
-    EXPECT_EQ(open_socket(ipv4, stream, 0, socket), 0u);
+    const uint64_t socket = open(stream);
     EXPECT_EQ(connect_socket(socket, &address, sizeof address), 0u);
     return socket;
 }
@@ -87,6 +89,14 @@ inline uint64_t connect_to(const Address& address) {
 inline void reset_on_close(uint64_t socket) {
     const struct { uint16_t on, seconds; } abortive{1, 0};
     EXPECT_EQ(set_option(socket, 0xFFFF, 0x80, &abortive, sizeof abortive), 0u);
+}
+
+inline Pair connect_pair(uint64_t listener, Address address) {
+    Pair pair{connect_to(address), VEL_INVALID_SOCKET};
+    reset_on_close(pair.client);
+    int32_t length = sizeof address;
+    EXPECT_EQ(accept_socket(listener, &address, length, pair.server), 0u);
+    return pair;
 }
 
 inline void send_text(uint64_t socket, const std::string& text) {
@@ -119,7 +129,7 @@ protected:
         }
         ~Workers() { stop(); }
         void stop() {
-            for (size_t i = 0; i < threads_.size(); ++i) Back::post_record(port_, nullptr, 0, stop_key);
+            for (size_t i = 0; i < threads_.size(); ++i) Back::post(port_, 0, stop_key);
             for (auto& thread : threads_) thread.join();
             threads_.clear();
         }
@@ -149,47 +159,20 @@ protected:
         return socket;
     }
 
-    Pair unassociated() {
-        Address address;
-        const uint64_t listener = open_listener(address);
-        Pair pair;
-        pair.client = keep(connect_to(address));
-        int32_t length = sizeof address;
-        EXPECT_EQ(accept_socket(listener, &address, length, pair.server), 0u);
-        keep(pair.server);
-        close_socket(listener);
-        return pair;
-    }
-
     // A connection whose server end is associated with the port.
     Pair connected(uint32_t key) {
-        const Pair pair = unassociated();
-        associate(pair.server, key);
+        Address address;
+        const uint64_t listener = open_listener(address);
+        const Pair pair = connect_pair(listener, address);
+        close_socket(listener);
+        keep(pair.client);
+        keep(pair.server, key);
         return pair;
     }
 
-    uint64_t open_stream() {
-        uint64_t socket = VEL_INVALID_SOCKET;
-        EXPECT_EQ(open_socket(ipv4, stream, 0, socket), 0u);
+    uint64_t keep(uint64_t socket, uint32_t key) {
+        associate(socket, key);
         return keep(socket);
-    }
-
-    uint64_t associated_stream(uint32_t key) {
-        const uint64_t socket = open_stream();
-        associate(socket, key);
-        return socket;
-    }
-
-    uint64_t listening(Address& address, uint32_t key) {
-        const uint64_t listener = keep(open_listener(address));
-        associate(listener, key);
-        return listener;
-    }
-
-    uint64_t bound_datagram(Address& address, uint32_t key) {
-        const uint64_t socket = keep(open_bound(datagram, address));
-        associate(socket, key);
-        return socket;
     }
 
     void associate(uint64_t socket, uint32_t key) {
@@ -200,6 +183,15 @@ protected:
         Completion completion{};
         EXPECT_EQ(Back::wait(port_, patience_ms, completion), 0u);
         return completion;
+    }
+
+    // Takes the next completion, checks it and gives its key.
+    uint32_t expect(const OVERLAPPED& record, uint64_t bytes, uint32_t code = 0) {
+        const Completion completion = take();
+        EXPECT_EQ(completion.record, &record);
+        EXPECT_EQ(completion.bytes, bytes);
+        EXPECT_EQ(completion.error, code);
+        return completion.key;
     }
 
     void expect_empty() {
