@@ -5,11 +5,14 @@
 #include <vel/buffers/message_block.h>
 #include <vel/frame/error.h>
 #include <vel/platform/files.h>
+#include <vel/platform/sockets.h>
 
 namespace digest {
 namespace {
 
 constexpr uint32_t patience_ms = 60000; // for one step
+constexpr int tcp_level = 6;
+constexpr int no_delay = 1;
 
 } // namespace
 
@@ -61,6 +64,9 @@ int Upload::handle_connect(VEL_Async_Connect_Operation* op, uint32_t error) {
         return -1;
     }
     run_.connected = true;
+    // The messages of a small file are small, too; none should wait until the one before is acknowledged.
+    const int on = 1;
+    VELLib::setsockopt(reinterpret_cast<uint64_t>(get_handle()), tcp_level, no_delay, &on, sizeof on);
     buffer_.set(chunk_size, nullptr);
     return next_file();
 }
