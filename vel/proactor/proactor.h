@@ -40,7 +40,8 @@ struct VEL_Handle_Set {
 ///            0x2000000A unknown key, 0x20000015 too many workers, 8, 87, or the system's code. Messages that can no
 ///            longer be delivered are answered with -1 and 0x20000007, so that a waiting sender goes on.
 /// Limits:    63 workers; a closed proactor is not opened again. Times are 32-bit milliseconds and survive the wrap of
-///            the tick count.
+///            the tick count. On a registered handle only VEL_Async_Operations may be started: the workers take every
+///            record that arrives for one.
 ///
 ///     VEL_Proactor proactor;
 ///     if (proactor.open(4) < 0) return -1;

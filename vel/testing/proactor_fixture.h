@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 #include <vel/buffers/serializable.h>
@@ -216,10 +218,11 @@ protected:
             meeting->arrived.add();
             return 0;
         };
-        EXPECT_EQ(pair.client->open(proactor.get(), address_of(*acceptor)), 0);
-        EXPECT_TRUE(meeting->arrived.reaches(2));
+        EXPECT_EQ(pair.client->open(proactor.get(), address_of(*acceptor)), 0) << VELLib::GetErrorCode();
+        if (!meeting->arrived.reaches(2)) throw std::runtime_error("the pair did not connect");
         acceptor->close(true);
         pair.server = std::move(meeting->server);
+        while (pair.server->references() + pair.client->references() > 4) std::this_thread::yield(); // the workers' own
         return pair;
     }
 
