@@ -64,8 +64,11 @@ int AsyncSocket::set_timeout(VEL_Async_Handler* owner, uint32_t timeout_ms) {
     guard.lock();
     if (is(proactor, key)) return 0;
     guard.unlock();
-    // Closed meanwhile: its close may have come before the timer was there to be cancelled.
-    if (int32_t timer = timer_id_.exchange(0)) proactor->cancel_timer(timer, true);
+    // Closed meanwhile. If that came before the timer was there to be cancelled, there is nothing to time; else the timer
+    // was set and has ended, perhaps by running out and closing the socket itself.
+    const int32_t timer = timer_id_.exchange(0);
+    if (timer == 0) return 0;
+    proactor->cancel_timer(timer, true);
     return fail(error::not_a_socket);
 }
 
