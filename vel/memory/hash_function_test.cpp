@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 #include <vel/memory/hash_function.h>
 
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor" // VEL_HFunc has no virtual destructor, so neither has what derives
-
 namespace {
 
 constexpr uint64_t all = uint64_t{1} << 63; // more buckets than any value here
@@ -13,7 +11,7 @@ uint64_t hash(const Key& key, uint64_t buckets = all) {
     return VEL_HFunc().HashFunc(key, buckets);
 }
 
-TEST(HashFunction, IntegersHashByTheirUnsignedBitPattern) {
+TEST(HashFunction, NumbersHashByTheirUnsignedBitPattern) {
     EXPECT_EQ(hash(char(-1)), 0xFFu);
     EXPECT_EQ(hash(short(-2)), 0xFFFEu);
     EXPECT_EQ(hash(-3), 0xFFFFFFFDu);
@@ -21,9 +19,6 @@ TEST(HashFunction, IntegersHashByTheirUnsignedBitPattern) {
     EXPECT_EQ(hash(uint64_t{1} << 40, 67), (uint64_t{1} << 40) % 67);
     EXPECT_EQ(hash(reinterpret_cast<void*>(0x123456789A)), 0x123456789Au);
     EXPECT_EQ(hash(VEL_thread_t(nullptr, 0xFFFFFFFF)), 0xFFFFFFFFu);
-}
-
-TEST(HashFunction, FloatsHashByTheirBitPattern) {
     EXPECT_EQ(hash(1.0f), 0x3F800000u);
     EXPECT_EQ(hash(1.5), 0x3FF8000000000000u);
     EXPECT_EQ(hash(-0.0f), 0x80000000u);
@@ -46,19 +41,6 @@ TEST(HashFunction, WideTextCountsInSixteenBitUnits) {
     EXPECT_EQ(hash(std::wstring(L"abcdefghijk")), hash("abcdefghijk"));
     EXPECT_EQ(hash(L"😀x"), 0x1F64508Au) << "a surrogate pair";
     EXPECT_EQ(hash(L"😀😀😀😀😀😀"), 0x3CCA2B7Fu) << "twelve units, every second one";
-}
-
-// Replacing one function is enough for the keys that forward to it.
-class ZeroForIds : public VEL_HFunc {
-public:
-    using VEL_HFunc::HashFunc;
-    uint64_t HashFunc(unsigned long, uint64_t) const override { return 0; }
-    uint64_t HashFunc(const char*, uint64_t) const override { return 1; }
-};
-
-TEST(HashFunction, ThreadsAndStringsForwardToTheReplacedFunction) {
-    EXPECT_EQ(ZeroForIds().HashFunc(VEL_thread_t(nullptr, 5), all), 0u);
-    EXPECT_EQ(ZeroForIds().HashFunc(std::string("x"), all), 1u);
 }
 
 } // namespace

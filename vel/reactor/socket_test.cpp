@@ -1,9 +1,7 @@
 // The socket object: what it adds to the free functions.
 #include <vel/reactor/socket.h>
 
-#include <cstring>
 #include <gtest/gtest.h>
-#include <string>
 #include <vel/frame/error.h>
 #include <vel/frame/exception.h>
 #include <vel/os/error_codes.h>
@@ -89,16 +87,6 @@ TEST(Socket, OwnsWhatItHoldsAndRefusesWithoutOne) {
     refused(closed.bind(1, "no.such.host.invalid")); // before the name is looked up
     refused(closed.connect("no.such.host.invalid", 1));
     refused(closed.recv(&byte, 1, 0));
-    refused(closed.send(&byte, 1));
-    refused(closed.register_event_select(nullptr, nullptr, 4));
-}
-
-TEST(Socket, PostedNoticeSplitsIntoEventAndError) {
-    uint32_t error = 1;
-    EXPECT_EQ(VEL_Socket::enum_window_event(int64_t{0x274D0010}, error), 16);
-    EXPECT_EQ(error, 10061u);
-    EXPECT_EQ(VEL_Socket::enum_window_event(-1, error), 0xFFFF);
-    EXPECT_EQ(error, 0xFFFFu);
 }
 
 } // namespace

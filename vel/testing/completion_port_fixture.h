@@ -55,8 +55,7 @@ struct Request : IoRequest {
 };
 
 struct Pair {
-    uint64_t client = VEL_INVALID_SOCKET;
-    uint64_t server = VEL_INVALID_SOCKET;
+    uint64_t client, server;
 };
 
 inline uint64_t open(int type) {
@@ -79,21 +78,21 @@ inline uint64_t open_listener(Address& address) {
     return listener;
 }
 
-inline uint64_t connect_to(const Address& address) {
-    const uint64_t socket = open(stream);
-    EXPECT_EQ(connect_socket(socket, &address, sizeof address), 0u);
-    return socket;
-}
-
 // Has the close reset the connection: nothing of it stays behind, however many a test makes.
 inline void reset_on_close(uint64_t socket) {
     const struct { uint16_t on, seconds; } abortive{1, 0};
     EXPECT_EQ(set_option(socket, 0xFFFF, 0x80, &abortive, sizeof abortive), 0u);
 }
 
+inline uint64_t connect_to(const Address& address) {
+    const uint64_t socket = open(stream);
+    reset_on_close(socket);
+    EXPECT_EQ(connect_socket(socket, &address, sizeof address), 0u);
+    return socket;
+}
+
 inline Pair connect_pair(uint64_t listener, Address address) {
     Pair pair{connect_to(address), VEL_INVALID_SOCKET};
-    reset_on_close(pair.client);
     int32_t length = sizeof address;
     EXPECT_EQ(accept_socket(listener, &address, length, pair.server), 0u);
     return pair;
@@ -119,15 +118,19 @@ template <class Back>
 class CompletionPort : public ::testing::Test {
 protected:
     static constexpr uint32_t stop_key = 0xFFFF;
-    using Handler = std::function<void(const Completion&)>;
 
     // Threads that take completions until one with the stop key comes.
     class Workers {
     public:
-        Workers(void* port, int count, Handler handler) : port_(port) {
-            for (int i = 0; i < count; ++i) threads_.emplace_back([port, handler] { run(port, handler); });
+        Workers(void* port, int count, std::function<void(const Completion&)> handler) : port_(port) {
+            for (int i = 0; i < count; ++i)
+                threads_.emplace_back([port, handler] {
+                    Completion each;
+                    while (Back::wait(port, VEL_INFINITE, each) == 0 && each.key != stop_key) handler(each);
+                });
         }
         ~Workers() { stop(); }
+
         void stop() {
             for (size_t i = 0; i < threads_.size(); ++i) Back::post(port_, 0, stop_key);
             for (auto& thread : threads_) thread.join();
@@ -135,10 +138,6 @@ protected:
         }
 
     private:
-        static void run(void* port, const Handler& handler) {
-            Completion completion;
-            while (Back::wait(port, VEL_INFINITE, completion) == 0 && completion.key != stop_key) handler(completion);
-        }
         void* port_;
         std::vector<std::thread> threads_;
     };
@@ -154,7 +153,9 @@ protected:
         EXPECT_EQ(open_handle_count(), handles_before_);
     }
 
-    uint64_t keep(uint64_t socket) {
+    // Closes the socket at the end; associates it under a key other than 0.
+    uint64_t keep(uint64_t socket, uint32_t key = 0) {
+        if (key != 0) associate(socket, key);
         sockets_.push_back(socket);
         return socket;
     }
@@ -168,11 +169,6 @@ protected:
         keep(pair.client);
         keep(pair.server, key);
         return pair;
-    }
-
-    uint64_t keep(uint64_t socket, uint32_t key) {
-        associate(socket, key);
-        return keep(socket);
     }
 
     void associate(uint64_t socket, uint32_t key) {
