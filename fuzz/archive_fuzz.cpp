@@ -2,12 +2,12 @@
 // objects and the same error, and memory stays in proportion to the bytes.
 //
 // Input: one byte n, n sizes of pieces (used in turn, 0 is a piece of 256), the stream.
+#include "target.h"
+
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 #include <vel/buffers/archive.h>
 #include <vel/buffers/bit_field.h>
@@ -18,10 +18,6 @@
 #include <vel/platform/inet_addr.h>
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 /// Refuses what no input of this size can need.
 class BoundedAllocator : public VEL_Allocator {
@@ -41,47 +37,48 @@ public:
 
 BoundedAllocator allocator;
 
-/// Reads its body in the way that its kind asks for.
+/// Fields that are read one after the other.
+template <class... Fields>
 class Message : public VEL_Serializable {
 public:
-    Message(uint16_t stype, uint16_t sid) : VEL_Serializable(stype, sid) {}
-
+    using VEL_Serializable::VEL_Serializable;
     int deserialize(VEL_Archive& archive) override {
-        switch (get_stype()) {
-        case 1: archive >> number >> text >> block >> bits; break;
-        case 2: archive >> time >> address >> wide; break;
-        case 3:
-            if (archive.get_element(2, text) < 0 || archive.get_element(1, number) < 0) return -1;
-            return archive.get_element(0, block);
-        case 4: archive >> c >> s >> l >> f >> d; break;
-        case 5: return archive.get_element(get_sid(), bits);
-        default: break;
-        }
+        std::apply([&](auto&... field) { (archive >> ... >> field); }, fields);
         return 0;
     }
     int serialize(VEL_Archive& archive) const override {
-        archive << number << text << block << bits << wide << c << s << l << f << d << address;
+        std::apply([&](const auto&... field) { (archive << ... << field); }, fields);
         return 0;
     }
+    std::tuple<Fields...> fields;
+};
 
-    int number = 0;
-    char c = 0;
-    short s = 0;
-    long l = 0;
-    float f = 0;
-    double d = 0;
-    std::string text;
-    std::wstring wide;
-    VEL_Byte_Block block;
-    VEL_Bitfield bits;
-    SYSTEMTIME time = {};
-    VEL_INET_Addr address;
+using Searched = Message<int, std::string, VEL_Byte_Block, VEL_Bitfield>;
+
+/// Fields that are looked for.
+class ByKey : public Searched {
+public:
+    using Searched::Searched;
+    int deserialize(VEL_Archive& archive) override {
+        auto& [number, text, block, bits] = fields;
+        if (get_stype() == 5) return archive.get_element(get_sid(), bits);
+        if (archive.get_element(2, text) < 0 || archive.get_element(1, number) < 0) return -1;
+        return archive.get_element(0, block);
+    }
 };
 
 class Factory : public VEL_Object_Factory {
 public:
     VEL_Serializable* create_stream(uint16_t stype, uint16_t sid) const override {
-        return stype < 6 ? new Message(stype, sid) : nullptr;
+        switch (stype) {
+        case 0: return new VEL_Serializable(stype, sid);
+        case 1: return new Searched(stype, sid);
+        case 2: return new Message<SYSTEMTIME, VEL_INET_Addr, std::wstring>(stype, sid);
+        case 4: return new Message<char, short, long, float, double>(stype, sid);
+        case 3:
+        case 5: return new ByKey(stype, sid);
+        default: return nullptr;
+        }
     }
 };
 
@@ -94,15 +91,6 @@ struct Outcome {
 
     bool operator==(const Outcome&) const = default;
 };
-
-void record(VEL_Serializable& object, uint64_t stream_size, Outcome& outcome) {
-    std::vector<uint8_t> bytes(1024 + 8 * stream_size);
-    VEL_Archive archive;
-    const int length = archive.serialize(bytes.data(), bytes.size(), object);
-    require(length > 0);
-    bytes.resize(static_cast<uint64_t>(length));
-    outcome.objects.push_back(bytes);
-}
 
 /// Offers one piece until it is used up. False once the stream has failed.
 bool feed(VEL_Archive& archive, const uint8_t* data, uint64_t size, uint64_t stream_size, Outcome& outcome) {
@@ -117,7 +105,11 @@ bool feed(VEL_Archive& archive, const uint8_t* data, uint64_t size, uint64_t str
         }
         require((used > 0) == (made != nullptr) && static_cast<uint64_t>(used) <= size);
         if (used == 0) return true;
-        record(*object, stream_size, outcome);
+        std::vector<uint8_t> bytes(1024 + 8 * stream_size);
+        const int length = VEL_Archive().serialize(bytes.data(), bytes.size(), *object);
+        require(length > 0);
+        bytes.resize(static_cast<uint64_t>(length));
+        outcome.objects.push_back(bytes);
         data += used;
         size -= static_cast<uint64_t>(used);
     }

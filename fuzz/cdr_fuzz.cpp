@@ -1,8 +1,7 @@
 // Any bytes as an element stream: what is read lies in the buffer, a derived stream reads the same, and what was read
 // writes the same bytes again.
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
+#include "target.h"
+
 #include <cstring>
 #include <string>
 #include <vector>
@@ -11,14 +10,9 @@
 #include <vel/buffers/input_cdr.h>
 #include <vel/buffers/output_cdr.h>
 #include <vel/frame/error.h>
-#include <vel/frame/exception.h>
 #include <vel/memory/malloc.h>
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) std::abort();
-}
 
 /// Takes the way through the primitive reads.
 class Derived : public VEL_InputCDR {
@@ -39,13 +33,8 @@ struct Found {
 
 Found lookup(VEL_InputCDR& in) {
     Found found;
-    try {
-        found.size = in.lookup(found.id, found.type, found.length, found.data);
-        if (found.size < 0) found = {.code = VELLib::GetErrorCode()};
-    } catch (const VEL_Exception& exception) {
-        found = {.code = exception.GetErrorCode()};
-    }
-    return found;
+    found.size = in.lookup(found.id, found.type, found.length, found.data);
+    return found.size < 0 ? Found{.code = VELLib::GetErrorCode()} : found;
 }
 
 /// Writes what was found; a number, a text or a block has to come out as the bytes it came from.
@@ -89,10 +78,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size == 0) return 0;
     VEL_InputCDR plain(data, size);
     Derived derived(data, size);
     uint64_t at = 0;
-    int searches = 0;
     for (;;) {
         const Found found = lookup(plain);
         require(found == lookup(derived));
@@ -105,14 +94,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (found.type != 0 && found.type <= 9) require(at + static_cast<uint64_t>(found.size) <= size);
         write_again(found, data + at, static_cast<uint64_t>(found.size));
         at += static_cast<uint64_t>(found.size);
-        // A search reads the whole stream, so few of them.
-        if (searches++ < 4) {
-            VEL_InputCDR other(data, size);
-            other.move(at < size ? at : 0);
-            search(other, found.id);
-        }
     }
     VEL_InputCDR in(data, size);
+    in.move(size / 2); // a search may start anywhere
     search(in, size > 3 ? data[3] : 0);
     return 0;
 }

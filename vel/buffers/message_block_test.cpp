@@ -28,18 +28,6 @@ protected:
     uint64_t handles_ = vel::os::open_handle_count();
 };
 
-TEST_F(MessageBlock, TheLastHandleDeletesTheMessage) {
-    VEL_Message_Block first(new Counted(3), false);
-    VEL_Message_Block second = first;
-    VEL_Message_Block third;
-    third = second;
-    EXPECT_EQ(third, first);
-    first.reset();
-    second = VEL_Message_Block(new Counted(4), false);
-    EXPECT_EQ(static_cast<Counted*>(third.c_ptr())->value, 3);
-    EXPECT_EQ(Counted::alive, 2);
-}
-
 TEST_F(MessageBlock, WaitReportsTimeOutThenTheAnswerForEver) {
     VEL_Message_Block message(new Counted, true);
     EXPECT_EQ(message.wait(0), -1);

@@ -10,16 +10,14 @@
 namespace vel::testing {
 
 /// The bytes of a page's block that starts with ```bytes: two hex digits each, up to a '|' on every line.
-/// @param page  path of the page
 inline std::vector<uint8_t> format_example(const char* page) {
     std::ifstream file(page);
     std::vector<uint8_t> bytes;
-    std::string line;
-    while (std::getline(file, line) && line != "```bytes") {
-    }
+    std::string line, byte;
+    while (std::getline(file, line) && line != "```bytes") continue;
     while (std::getline(file, line) && line != "```") {
         std::istringstream digits(line.substr(0, line.find('|')));
-        for (std::string byte; digits >> byte;) bytes.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
+        while (digits >> byte) bytes.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
     }
     return bytes;
 }
