@@ -9,10 +9,7 @@
 #include <vel/os/clock.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/event.h>
-#include <vel/os/file.h>
 #include <vel/os/handle.h>
-#include <vel/os/named_mutex.h>
-#include <vel/testing/temporary_directory.h>
 
 #ifndef __has_feature // a word of one compiler only
 #define __has_feature(name) 0
@@ -148,36 +145,6 @@ TYPED_TEST(Threads, SuspendedOrKilledItStandsStillAndNobodyInheritsItsSlots) {
         this->expect_killed(thread, 100 + round);
     }
     free_slot(slot);
-}
-
-// What it waited for must be free for the next one and for the close that the end of the test makes.
-TYPED_TEST(Threads, AKilledWaiterOrOwnerHoldsUpNobody) {
-    const vel::testing::TemporaryDirectory directory;
-    void* mutex = nullptr;
-    void* file = nullptr;
-    bool abandoned = false;
-    for (int round = 0; round < 10; ++round) {
-        ASSERT_EQ(open_mutex(nullptr, mutex), error::none);
-        this->owned(mutex);
-        this->first_ = [mutex, lost = false]() mutable { acquire_mutex(mutex, VEL_INFINITE, lost); };
-        EXPECT_EQ(acquire_mutex(mutex, 0, abandoned), error::none);
-        this->expect_killed(this->start(), 1);
-        EXPECT_EQ(release_mutex(mutex), error::none);
-        void* owner = this->start();
-        EXPECT_TRUE(this->moves());
-        this->expect_killed(owner, 1);
-        EXPECT_EQ(acquire_mutex(mutex, 0, abandoned), error::none);
-        EXPECT_TRUE(abandoned);
-        EXPECT_EQ(release_mutex(mutex), error::none);
-
-        ASSERT_EQ(open_file(directory.path("file").c_str(), FileOpen::open_always, file), error::none);
-        this->owned(file);
-        this->first_ = [file] { lock_range(file, 0, 1, true); };
-        EXPECT_EQ(lock_range(file, 0, 1, false), error::none);
-        this->expect_killed(this->start(), 1);
-        EXPECT_EQ(unlock_range(file, 0, 1), error::none);
-        EXPECT_EQ(lock_range(file, 0, 1, false) + unlock_range(file, 0, 1), error::none);
-    }
 }
 
 TYPED_TEST(Threads, SuspendResumeAndEndRace) {
