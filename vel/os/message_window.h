@@ -16,7 +16,8 @@ struct WindowMessage {
 
 inline constexpr uint32_t window_queue_capacity = 10000;
 
-/// Creates a window whose queue belongs to the calling thread. Errors: 4, 8.
+/// Creates a window whose queue belongs to the calling thread and ends with it at the latest. Without a procedure (null)
+/// its messages do nothing when they are dispatched. Errors: 4, 8.
 uint32_t create_window(WindowProcedure procedure, void* context, HWND& window);
 
 /// Ends the window and drops what is queued; sockets that post to it fall silent. Errors: 1400, 5 for another thread.
@@ -27,6 +28,9 @@ uint32_t post_message(HWND window, uint32_t message, uint64_t wparam, int64_t lp
 
 /// Takes the oldest message, waiting for one. Errors: 258 on time-out, 1400, 5 for another thread.
 uint32_t get_message(HWND window, WindowMessage& message, uint32_t timeout_ms);
+
+/// Copies the oldest message and leaves it in the queue. Errors: 258 when there is none, 1400, 5 for another thread.
+uint32_t peek_message(HWND window, WindowMessage& message);
 
 /// Calls the window's procedure with a message; nothing is locked meanwhile. Errors: 1400, 5 for another thread.
 uint32_t dispatch_message(HWND window, const WindowMessage& message, int64_t& result);

@@ -1,0 +1,43 @@
+// The object behind a message window's handle, shared by the window calls and the notifier.
+#pragma once
+
+#include <deque>
+#include <mutex>
+#include <vel/os/linux/handle_table.h>
+#include <vel/os/message_window.h>
+
+namespace vel::os {
+
+/// A queue of messages that belongs to one thread.
+///
+/// Invariant, under the lock: the descriptor is readable exactly while the queue holds messages or the window is gone.
+/// So only the first message and the last cost a system call, not those of a busy queue.
+class WindowObject final : public HandleObject {
+public:
+    WindowObject(WindowProcedure window_procedure, void* window_context);
+
+    /// Drops what is queued and ends a wait.
+    void detach() override;
+
+    /// Errors: 1400, 1816, 8.
+    uint32_t post(const WindowMessage& message);
+
+    /// Takes the oldest message, or copies it. Errors: 258 when there is none, 1400.
+    uint32_t take(WindowMessage& message);
+    uint32_t peek(WindowMessage& message);
+
+    bool is_callers() const;
+
+    const WindowProcedure procedure;
+    void* const context;
+
+private:
+    const void* const owner_; // the creating thread's list of windows
+    std::mutex lock_;         // guards what follows
+    std::deque<WindowMessage> messages_;
+    bool gone_ = false;
+};
+
+inline void* to_handle(HWND window) { return reinterpret_cast<void*>(window); }
+
+} // namespace vel::os
