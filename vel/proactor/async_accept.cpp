@@ -1,10 +1,10 @@
 // Accepting a connection as an asynchronous operation.
 #include <vel/proactor/async_accept.h>
 
+#include <vel/frame/fail.h>
 #include <vel/os/completion_port.h>
 #include <vel/platform/sockets.h>
 #include <vel/proactor/async_handler.h>
-#include <vel/proactor/fail.h>
 
 namespace {
 

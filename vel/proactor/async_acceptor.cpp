@@ -1,9 +1,9 @@
 // Listening TCP socket on a proactor.
 #include <vel/proactor/async_acceptor.h>
 
+#include <vel/frame/fail.h>
 #include <vel/platform/sockets.h>
 #include <vel/proactor/async_sock_stream.h>
-#include <vel/proactor/fail.h>
 
 VEL_Async_Acceptor::~VEL_Async_Acceptor() { close(true); }
 

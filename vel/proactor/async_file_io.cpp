@@ -1,9 +1,9 @@
 // Reading and writing files at a position as asynchronous operations.
 #include <vel/proactor/async_file_io.h>
 
+#include <vel/frame/fail.h>
 #include <vel/os/completion_port.h>
 #include <vel/proactor/async_handler.h>
-#include <vel/proactor/fail.h>
 
 int VEL_Async_Read_File::read(VEL_Byte_Block& block, size_t size, size_t file_offset) {
     if (prepare(block, size) < 0) return -1;

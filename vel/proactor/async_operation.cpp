@@ -1,8 +1,8 @@
 // The base of the asynchronous operations and the checks that starting them has in common.
 #include <vel/proactor/async_operation.h>
 
+#include <vel/frame/fail.h>
 #include <vel/proactor/async_handler.h>
-#include <vel/proactor/fail.h>
 
 VEL_Async_Operation::VEL_Async_Operation(uint32_t code) : vel::IoRequest{}, code_(code) {}
 

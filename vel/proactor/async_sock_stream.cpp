@@ -1,10 +1,10 @@
 // TCP connection on a proactor.
 #include <vel/proactor/async_sock_stream.h>
 
+#include <vel/frame/fail.h>
 #include <vel/os/socket.h>
 #include <vel/platform/sockets.h>
 #include <vel/proactor/async_connect.h>
-#include <vel/proactor/fail.h>
 #include <vel/proactor/proactor.h>
 
 VEL_Async_SOCK_Stream::~VEL_Async_SOCK_Stream() { close(true); }

@@ -1,8 +1,8 @@
 // The state that the asynchronous stream, acceptor and datagram socket have in common.
 #include <vel/proactor/async_socket.h>
 
+#include <vel/frame/fail.h>
 #include <vel/platform/sockets.h>
-#include <vel/proactor/fail.h>
 #include <vel/proactor/proactor.h>
 
 namespace vel {

@@ -1,9 +1,9 @@
 // Receiving and sending on stream sockets as asynchronous operations.
 #include <vel/proactor/async_stream_io.h>
 
+#include <vel/frame/fail.h>
 #include <vel/os/completion_port.h>
 #include <vel/proactor/async_handler.h>
-#include <vel/proactor/fail.h>
 
 int VEL_Async_SOCK_Read_Stream::read(VEL_Byte_Block& block, size_t size, size_t) {
     if (prepare(block, size) < 0) return -1;

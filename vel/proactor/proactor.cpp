@@ -4,11 +4,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <vel/frame/exception.h>
+#include <vel/frame/fail.h>
 #include <vel/os/completion_port.h>
 #include <vel/os/handle.h>
 #include <vel/os/thread.h>
 #include <vel/proactor/async_operation.h>
-#include <vel/proactor/fail.h>
 #include <vel/sync/guard.h>
 
 namespace error = vel::error;

@@ -1,11 +1,11 @@
 // Taking completions from the port and calling the handlers.
 #include <vel/proactor/proactor.h>
 
+#include <vel/frame/fail.h>
 #include <vel/os/clock.h>
 #include <vel/os/completion_port.h>
 #include <vel/proactor/async_operation.h>
 #include <vel/proactor/async_post.h>
-#include <vel/proactor/fail.h>
 
 namespace error = vel::error;
 namespace os = vel::os;

@@ -2,13 +2,13 @@
 #include <vel/proactor/proactor.h>
 
 #include <new>
+#include <vel/frame/fail.h>
 #include <vel/os/completion_port.h>
 #include <vel/os/handle.h>
 #include <vel/platform/sockets.h>
 #include <vel/proactor/async_dgram_io.h>
 #include <vel/proactor/async_post.h>
 #include <vel/proactor/async_stream_io.h>
-#include <vel/proactor/fail.h>
 #include <vel/sync/guard.h>
 
 namespace error = vel::error;

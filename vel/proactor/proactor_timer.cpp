@@ -2,8 +2,8 @@
 #include <vel/proactor/proactor.h>
 
 #include <algorithm>
+#include <vel/frame/fail.h>
 #include <vel/os/clock.h>
-#include <vel/proactor/fail.h>
 #include <vel/sync/guard.h>
 
 namespace error = vel::error;

@@ -3,6 +3,7 @@
 
 #include <vel/frame/error.h>
 #include <vel/frame/exception.h>
+#include <vel/frame/fail.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/handle.h>
 #include <vel/os/thread.h>
@@ -11,11 +12,6 @@
 namespace {
 
 constexpr uint32_t still_running = 259;
-
-int failed_with(uint32_t code) {
-    VELLib::SetErrorCode(code);
-    return -1;
-}
 
 } // namespace
 
@@ -57,7 +53,7 @@ int VEL_Thread_Descriptor::cancel() {
 
 int VEL_Thread_Descriptor::kill(int exit_code) {
     const uint32_t code = vel::os::terminate_thread(thread_.thr_handle(), static_cast<uint32_t>(exit_code));
-    if (code != vel::error::none) return failed_with(code);
+    if (code != vel::error::none) return vel::fail(code);
     thr_close();
     return 0;
 }
@@ -72,7 +68,7 @@ bool VEL_Thread_Descriptor::survived() const {
 int VEL_Thread_Descriptor::suspend() {
     uint32_t previous = 0;
     const uint32_t code = vel::os::suspend_thread(thread_.thr_handle(), previous);
-    if (code != vel::error::none) return failed_with(code);
+    if (code != vel::error::none) return vel::fail(code);
     enter(THR_SUSPENDED);
     return static_cast<int>(previous);
 }
@@ -80,7 +76,7 @@ int VEL_Thread_Descriptor::suspend() {
 int VEL_Thread_Descriptor::resume() {
     uint32_t previous = 0;
     const uint32_t code = vel::os::resume_thread(thread_.thr_handle(), previous);
-    if (code != vel::error::none) return failed_with(code);
+    if (code != vel::error::none) return vel::fail(code);
     if (previous < 2) enter(THR_RUNNING);
     return static_cast<int>(previous);
 }

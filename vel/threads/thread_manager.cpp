@@ -6,6 +6,7 @@
 #include <vector>
 #include <vel/frame/error.h>
 #include <vel/frame/exception.h>
+#include <vel/frame/fail.h>
 #include <vel/os/clock.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/event.h>
@@ -18,11 +19,6 @@ namespace {
 constexpr size_t instance_buckets = 9973;
 constexpr uint32_t never_ran = 0xFFFFFFFF; // exit code of a thread that was joined before it was resumed
 
-int failed_with(uint32_t code) {
-    VELLib::SetErrorCode(code);
-    return -1;
-}
-
 /// Calls `operate` for each of the threads. 0, or -1 with 8 when there is no memory for the list.
 template <class List, class Operation>
 int for_each(List list, Operation operate) {
@@ -30,7 +26,7 @@ int for_each(List list, Operation operate) {
         for (const VEL_thread_t& thread : list()) operate(thread);
         return 0;
     } catch (const std::bad_alloc&) {
-        return failed_with(vel::error::not_enough_memory);
+        return vel::fail(vel::error::not_enough_memory);
     }
 }
 
@@ -134,8 +130,8 @@ void VEL_Thread_Manager::add(VEL_Thread_Descriptor& descriptor, unsigned int sta
 int VEL_Thread_Manager::spawn(int (*func)(void*), void* arg, size_t n, VEL_thread_t* ids, int grp,
                               unsigned int stack_size, uint32_t flags, int (*cancel_func)(void*)) {
     VEL_Guard guard(lock_);
-    if (closed_ != 0) return failed_with(vel::error::object_closed);
-    if (!func) return failed_with(vel::error::null_member);
+    if (closed_ != 0) return vel::fail(vel::error::object_closed);
+    if (!func) return vel::fail(vel::error::null_member);
     Descriptors created;
     try {
         created.resize(n);
@@ -149,10 +145,10 @@ int VEL_Thread_Manager::spawn(int (*func)(void*), void* arg, size_t n, VEL_threa
         }
     } catch (const VEL_Exception& exception) {
         undo(created);
-        return failed_with(exception.GetErrorCode());
+        return vel::fail(exception.GetErrorCode());
     } catch (const std::exception&) { // out of memory, or more threads than any vector holds
         undo(created);
-        return failed_with(vel::error::not_enough_memory);
+        return vel::fail(vel::error::not_enough_memory);
     }
     hand_out(created, ids, flags);
     return 0;
@@ -224,7 +220,7 @@ int VEL_Thread_Manager::suspend_caller(VEL_Guard& guard, VEL_Thread_Descriptor& 
     guard.unlock();
     uint32_t previous = 0;
     const uint32_t code = vel::os::suspend_thread(handle, previous);
-    return code == vel::error::none ? static_cast<int>(previous) : failed_with(code);
+    return code == vel::error::none ? static_cast<int>(previous) : vel::fail(code);
 }
 
 // The caller comes last, or it would not get round to the others.
@@ -259,7 +255,7 @@ int VEL_Thread_Manager::join(const VEL_thread_t& thread, int* exit_code) {
     VEL_Guard guard(lock_);
     VEL_Thread_Descriptor* found = find(thread);
     if (!found) return -1;
-    if (found->is_caller()) return failed_with(vel::error::possible_deadlock);
+    if (found->is_caller()) return vel::fail(vel::error::possible_deadlock);
     cancel(thread);
     const std::unique_ptr<VEL_Thread_Descriptor> descriptor(remove(thread));
     guard.unlock();
@@ -292,7 +288,7 @@ int VEL_Thread_Manager::wait_members(const int* grp, uint32_t timeout_ms) {
 
 // The handle is shared for the wait, because whoever kills or joins the thread meanwhile closes it.
 int VEL_Thread_Manager::wait_and_forget(VEL_Guard& guard, const VEL_thread_t& thread, uint32_t timeout_ms) {
-    if (thread.thr_id() == vel::os::current_thread_id()) return failed_with(vel::error::possible_deadlock);
+    if (thread.thr_id() == vel::os::current_thread_id()) return vel::fail(vel::error::possible_deadlock);
     const VEL_thread_t name = thread;
     vel::os::share_handle(name.thr_handle());
     guard.unlock();
@@ -304,7 +300,7 @@ int VEL_Thread_Manager::wait_and_forget(VEL_Guard& guard, const VEL_thread_t& th
         delete descriptor;
     }
     vel::os::close_handle(name.thr_handle());
-    return code == vel::error::none ? 0 : failed_with(code);
+    return vel::result_of(code);
 }
 
 int VEL_Thread_Manager::thr_state(const VEL_thread_t& thread) {

@@ -1,4 +1,4 @@
-// How the sources of this folder report an error (internal).
+// How the sources of the library report an error (internal).
 #pragma once
 
 #include <vel/frame/error.h>
