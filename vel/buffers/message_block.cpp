@@ -58,6 +58,13 @@ VEL_Message_Block& VEL_Message_Block::operator=(const VEL_Message_Block& other) 
     return *this;
 }
 
+VEL_Message_Block& VEL_Message_Block::operator=(VEL_Message_Block&& other) noexcept {
+    if (this == &other) return *this;
+    reset();
+    take(other);
+    return *this;
+}
+
 VEL_Message_Block::~VEL_Message_Block() { reset(); }
 
 int VEL_Message_Block::set(VEL_Serializable* message, bool sync) {

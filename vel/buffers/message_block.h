@@ -1,6 +1,7 @@
 // Handle to a message object that threads pass on, with a record through which it can be answered.
 #pragma once
 
+#include <utility>
 #include <vel/types.h>
 
 class VEL_Byte_Block;
@@ -34,6 +35,10 @@ public:
 
     VEL_Message_Block(const VEL_Message_Block& other);
     VEL_Message_Block& operator=(const VEL_Message_Block& other);
+
+    /// Hands the share over; `other` is null afterwards.
+    VEL_Message_Block(VEL_Message_Block&& other) noexcept { take(other); }
+    VEL_Message_Block& operator=(VEL_Message_Block&& other) noexcept;
     virtual ~VEL_Message_Block();
 
     /// Takes the message over, with a reply record when `sync`. Without either the block is null.
@@ -76,6 +81,11 @@ public:
 
 private:
     void share(const VEL_Message_Block& other);
+    void take(VEL_Message_Block& other) noexcept {
+        message_ = std::exchange(other.message_, nullptr);
+        reply_ = std::exchange(other.reply_, nullptr);
+        counter_ = std::exchange(other.counter_, nullptr);
+    }
 
     VEL_Serializable* message_ = nullptr;
     vel::MessageReply* reply_ = nullptr;

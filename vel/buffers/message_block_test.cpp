@@ -50,4 +50,18 @@ TEST_F(MessageBlock, TheReceiverAnswersThroughItsOwnHandle) {
     }
 }
 
+TEST_F(MessageBlock, MovingHandsTheOneShareOver) {
+    VEL_Message_Block message(new Counted(1), true);
+    VEL_Message_Block moved(std::move(message));
+    EXPECT_TRUE(message.is_null());
+    VEL_Message_Block other(new Counted(2), false);
+    other = std::move(moved); // drops what it held
+    EXPECT_EQ(Counted::alive, 1);
+    VEL_Message_Block& same = other;
+    other = std::move(same);
+    EXPECT_EQ(static_cast<Counted*>(other.c_ptr())->value, 1);
+    other.signal(3, 0, nullptr);
+    EXPECT_EQ(other.wait(0), 3);
+}
+
 } // namespace
