@@ -62,6 +62,7 @@
 #include <vel/sync/singleton.h>
 #include <vel/sync/thread_safety.h>
 #include <vel/sync/tls.h>
+#include <vel/threads/message_queue.h>
 #include <vel/threads/thread_descriptor.h>
 #include <vel/threads/thread_manager.h>
 #include <vel/types.h>
