@@ -48,6 +48,7 @@
 #include <vel/proactor/proactor.h>
 #include <vel/proactor/timer_alarm.h>
 #include <vel/reactor/event_handler.h>
+#include <vel/reactor/message_window.h>
 #include <vel/reactor/reactor.h>
 #include <vel/reactor/socket.h>
 #include <vel/reactor/timer_queue.h>
