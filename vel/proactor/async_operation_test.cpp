@@ -1,7 +1,6 @@
-// What starting an operation checks, and how records are aimed anew.
+// What starting an operation checks, how records are aimed anew, and the defaults of the handlers they end in.
 #include <vel/testing/proactor_fixture.h>
 
-#include <vel/os/error_codes.h>
 #include <vel/platform/files.h>
 #include <vel/proactor/async_file_io.h>
 #include <vel/testing/temporary_directory.h>
@@ -11,10 +10,22 @@ namespace {
 
 using AsyncOperation = ProactorTest;
 
+TEST(AsyncHandler, DefaultsTakeOperationsAway) {
+    Ref<VEL_Async_Handler> handler(new VEL_Async_Handler_Impl<VEL_Reference_Counter>);
+    VEL_Async_Handler* h = handler.get();
+    EXPECT_EQ(h->handle_accept(new VEL_Async_SOCK_Accept(nullptr, 1, VEL_INVALID_HANDLE, h), 5), 0);
+    VEL_Message_Block message(new VEL_Serializable, true);
+    EXPECT_EQ(h->handle_signal(new VEL_Async_Post_Operation(nullptr, 1, h, message)), 0);
+    EXPECT_EQ(message.wait(0), -1);
+    EXPECT_EQ(message.error_code(), error::not_implemented);
+    EXPECT_EQ(h->addref(), 2) << "every operation has given its reference back";
+    h->release();
+}
+
 TEST_F(AsyncOperation, StartChecksHandlerThenKeyThenBlock) {
     Ref<SocketHandler> handler(new SocketHandler);
     ASSERT_EQ(proactor->register_handle(1, handler->handle, handler.get()), 0);
-    struct Case {
+    const struct {
         VEL_Proactor* proactor;
         uint32_t key;
         VEL_Async_Handler* handler;
@@ -23,20 +34,20 @@ TEST_F(AsyncOperation, StartChecksHandlerThenKeyThenBlock) {
                  {nullptr, 0, handler.get(), error::null_member},
                  {proactor.get(), 0, handler.get(), error::no_completion_key},
                  {proactor.get(), 1, handler.get(), error::invalid_parameter}};
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         VEL_Byte_Block block;
         auto aimed = [&](auto&& op) -> auto& { return op.set(c.proactor, c.key, handler->handle, c.handler), op; };
-        expect_error(aimed(VEL_Async_SOCK_Write_Stream()).write(block, 1, 0), c.code);
-        expect_error(aimed(VEL_Async_SOCK_Write_Dgram()).write(block, 1, 0), c.code);
-        expect_error(aimed(VEL_Async_Write_File()).write(block, 1, 0), c.code);
+        expect_failure(c.code, aimed(VEL_Async_SOCK_Write_Stream()).write(block, 1, 0));
+        expect_failure(c.code, aimed(VEL_Async_SOCK_Write_Dgram()).write(block, 1, 0));
+        expect_failure(c.code, aimed(VEL_Async_Write_File()).write(block, 1, 0));
         if (c.key != 0) continue;
-        expect_error(aimed(VEL_Async_SOCK_Read_Stream()).read(block, 1, 0), c.code);
-        expect_error(aimed(VEL_Async_SOCK_Read_Dgram()).read(block, 1, 0), c.code);
-        expect_error(aimed(VEL_Async_Read_File()).read(block, 1, 0), c.code);
-        expect_error(aimed(VEL_Async_SOCK_Accept()).accept(VEL_INVALID_HANDLE), c.code);
-        expect_error(aimed(VEL_Async_SOCK_Connect()).connect(VEL_INET_Addr(1, 0)), c.code);
+        expect_failure(c.code, aimed(VEL_Async_SOCK_Read_Stream()).read(block, 1, 0));
+        expect_failure(c.code, aimed(VEL_Async_SOCK_Read_Dgram()).read(block, 1, 0));
+        expect_failure(c.code, aimed(VEL_Async_Read_File()).read(block, 1, 0));
+        expect_failure(c.code, aimed(VEL_Async_SOCK_Accept()).accept(VEL_INVALID_HANDLE));
+        expect_failure(c.code, aimed(VEL_Async_SOCK_Connect()).connect(VEL_INET_Addr(1, 0)));
     }
-    expect_error(proactor->sendSockStream(1, VEL_Byte_Block(10, nullptr), 11), error::insufficient_buffer);
+    expect_failure(error::insufficient_buffer, proactor->sendSockStream(1, VEL_Byte_Block(10, nullptr), 11));
     EXPECT_EQ(handler->references(), 2) << "the failed operations have given their references back";
 }
 
@@ -48,9 +59,9 @@ TEST_F(AsyncOperation, RecordsAreAimedAnew) {
         op.set(proactor.get(), 1, VEL_INVALID_HANDLE, first.get());
         EXPECT_EQ(first->references(), 3) << "set once more to the same handler, it keeps one too many";
         first->release();
-        expect_error(op.open(nullptr, 1), error::invalid_parameter);
-        expect_error(op.open(proactor.get(), 0), error::no_completion_key);
-        expect_error(op.open(proactor.get(), 77), error::not_found);
+        expect_failure(error::invalid_parameter, op.open(nullptr, 1));
+        expect_failure(error::no_completion_key, op.open(proactor.get(), 0));
+        expect_failure(error::not_found, op.open(proactor.get(), 77));
         EXPECT_EQ(op.get_handler(), first.get());
         ASSERT_EQ(op.open(proactor.get(), 2), 0);
         EXPECT_EQ(op.get_handler(), second.get());
@@ -62,7 +73,7 @@ TEST_F(AsyncOperation, RecordsAreAimedAnew) {
 
 TEST_F(AsyncOperation, AcceptRecordClosesWhatNobodyTook) {
     Ref<Acceptor> acceptor(new Acceptor);
-    ASSERT_EQ(acceptor->open(proactor.get(), 0, 0x7F000001u), 0);
+    ASSERT_EQ(acceptor->open(proactor.get(), 0, loopback), 0);
     Tally accepted;
     VEL_Async_SOCK_Accept* kept = nullptr;
     acceptor->on_accept = [&](VEL_Async_Accept_Operation*& op, uint32_t) {
@@ -71,37 +82,31 @@ TEST_F(AsyncOperation, AcceptRecordClosesWhatNobodyTook) {
         return 0;
     };
     ASSERT_EQ(acceptor->accept(), 0);
-    const VEL_INET_Addr address = address_of(*acceptor);
     const uint64_t sockets[] = {VELLib::socket(2, 1, 0), VELLib::socket(2, 1, 0)};
-    ASSERT_EQ(VELLib::connect(sockets[0], address), 0);
+    ASSERT_EQ(VELLib::connect(sockets[0], address_of(*acceptor)), 0);
     ASSERT_TRUE(accepted.reaches(1));
     ASSERT_EQ(acceptor->accept(kept), 0); // the first connection was not taken out
     char byte = 0;
     bool closed = false;
     EXPECT_EQ(VELLib::recv(sockets[0], &byte, 1, closed, 10000), 0);
     EXPECT_TRUE(closed);
-    ASSERT_EQ(VELLib::connect(sockets[1], address), 0);
+    ASSERT_EQ(VELLib::connect(sockets[1], address_of(*acceptor)), 0);
     ASSERT_TRUE(accepted.reaches(2));
     VEL_INET_Addr peer, local;
-    void* taken = kept->accept_handle(peer);
+    const uint64_t taken = reinterpret_cast<uint64_t>(kept->accept_handle(peer));
     EXPECT_EQ(VELLib::getsockname(sockets[1], local), 0);
     EXPECT_EQ(peer, local);
-    EXPECT_EQ(kept->accept_handle(peer), VEL_INVALID_HANDLE);
     Ref<Stream> stream(new Stream);
-    EXPECT_EQ(acceptor->accept_socket(*kept, *stream), -1);
+    expect_failure(error::not_a_socket, acceptor->accept_socket(*kept, *stream)); // taken already
     delete kept;
-    for (uint64_t socket : {sockets[0], sockets[1], reinterpret_cast<uint64_t>(taken)}) VELLib::closesocket(socket);
-    acceptor->close(true);
+    for (uint64_t socket : {sockets[0], sockets[1], taken}) VELLib::closesocket(socket);
 }
 
 TEST_F(AsyncOperation, FilesAreReadAndWrittenAtAPosition) {
     const vel::testing::TemporaryDirectory directory;
     void* file = VELLib::create(directory.path("file").c_str(), true, 0);
-    ASSERT_NE(file, VEL_INVALID_HANDLE);
     Ref<Handler> handler(new Handler);
     Tally done;
-    std::string text;
-    uint32_t code = 0;
     handler->on_output = [&](VEL_Async_Write_Operation*& op, uint32_t error) {
         EXPECT_EQ(error, 0u);
         EXPECT_EQ(op->bytes_transferred(), 5u);
@@ -110,8 +115,9 @@ TEST_F(AsyncOperation, FilesAreReadAndWrittenAtAPosition) {
         return 0;
     };
     handler->on_input = [&](VEL_Async_Read_Operation*& op, uint32_t error) {
-        code = error;
-        text.assign(static_cast<char*>(op->read_block().c_ptr(0)), op->bytes_transferred());
+        const bool at_end = op->file_offset() == 105;
+        EXPECT_EQ(text_of(*op), at_end ? "" : "llo");
+        EXPECT_EQ(error, at_end ? error::end_of_file : 0);
         done.add();
         return 0;
     };
@@ -119,17 +125,12 @@ TEST_F(AsyncOperation, FilesAreReadAndWrittenAtAPosition) {
     auto* write = new VEL_Async_Write_File(proactor.get(), 1, file, handler.get());
     ASSERT_EQ(write->write(VEL_Byte_Block(5, "hello"), 5, 100), 0);
     ASSERT_TRUE(done.reaches(1));
-    auto expect_read = [&](size_t position, const std::string& expected, uint32_t expected_code) {
+    for (const size_t position : {102, 105}) {
         VEL_Byte_Block block;
-        const int64_t before = done.count();
         auto* read = new VEL_Async_Read_File(proactor.get(), 1, file, handler.get());
         ASSERT_EQ(read->read(block, 50, position), 0);
-        ASSERT_TRUE(done.reaches(before + 1));
-        EXPECT_EQ(text, expected);
-        EXPECT_EQ(code, expected_code);
-    };
-    expect_read(102, "llo", 0);
-    expect_read(105, "", error::end_of_file);
+    }
+    EXPECT_TRUE(done.reaches(3));
     proactor->close();
     VELLib::close(file);
 }

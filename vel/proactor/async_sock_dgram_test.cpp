@@ -1,44 +1,33 @@
 // Datagram sockets on a proactor.
 #include <vel/testing/proactor_fixture.h>
 
-#include <string>
-#include <thread>
-#include <vel/os/error_codes.h>
-
 namespace vel::test {
 namespace {
 
 using AsyncDgram = ProactorTest;
 
-constexpr uint32_t loopback = 0x7F000001;
-
 TEST_F(AsyncDgram, EchoesToEachSenderAndTellsCutOnes) {
     Ref<Dgram> server(new Dgram);
-    Dgram* echo = server.get();
     std::atomic<int> cut{0};
-    echo->on_input = [&, echo](VEL_Async_Read_Operation*& op, uint32_t error) {
+    server->on_input = [&](VEL_Async_Read_Operation*& op, uint32_t error) {
         VEL_Byte_Block block = op->read_block();
+        const VEL_INET_Addr sender = static_cast<VEL_Async_SOCK_Read_Dgram*>(op)->recv_address();
         if (error == error::message_too_long) ++cut;
-        if (error != error::operation_cancelled)
-            echo->send(block.clone(), op->bytes_transferred(),
-                       static_cast<VEL_Async_SOCK_Read_Dgram*>(op)->recv_address());
-        return echo->recv(block, 4);
+        if (error != error::operation_cancelled) server->send(block.clone(), op->bytes_transferred(), sender);
+        return server->recv(block, 4);
     };
-    ASSERT_EQ(echo->open(proactor.get(), 0, loopback), 0);
+    ASSERT_EQ(server->open(proactor.get(), 0, loopback), 0);
     VEL_INET_Addr address;
-    ASSERT_EQ(echo->get_local_addr(address), 0);
+    ASSERT_EQ(server->get_local_addr(address), 0);
     VEL_Byte_Block blocks[2];
-    for (VEL_Byte_Block& block : blocks) ASSERT_EQ(echo->recv(block, 4), 0);
+    for (VEL_Byte_Block& block : blocks) ASSERT_EQ(server->recv(block, 4), 0);
     Tally answers;
     std::vector<Ref<Dgram>> clients;
-    for (int i = 0; i < 6; ++i) {
-        clients.emplace_back(new Dgram);
-        Dgram* client = clients.back().get();
-        const std::string text = std::to_string(1000 + i) + (i == 5 ? "too long" : "");
-        client->on_input = [&answers, text, address](VEL_Async_Read_Operation*& op, uint32_t error) {
+    for (const std::string text : {"one.", "two.", "cut off"}) {
+        Dgram* client = clients.emplace_back(new Dgram).get();
+        client->on_input = [&, text](VEL_Async_Read_Operation*& op, uint32_t error) {
             EXPECT_EQ(error, 0u);
-            EXPECT_EQ(std::string(static_cast<char*>(op->read_block().c_ptr(0)), op->bytes_transferred()),
-                      text.substr(0, 4));
+            EXPECT_EQ(text_of(*op), text.substr(0, 4));
             EXPECT_EQ(static_cast<VEL_Async_SOCK_Read_Dgram*>(op)->recv_address(), address);
             answers.add();
             return 0;
@@ -47,12 +36,12 @@ TEST_F(AsyncDgram, EchoesToEachSenderAndTellsCutOnes) {
         VEL_Byte_Block block;
         ASSERT_EQ(client->recv(block, 100), 0);
         const VEL_Byte_Block data(text.size(), text.data());
-        expect_error(client->send(data, data.size() + 1, address), error::insufficient_buffer);
-        ASSERT_EQ(i % 2 ? client->send(data, data.size(), address)
-                        : proactor->sendSockDgram(client->completion_key(), data, data.size(), address),
+        expect_failure(error::insufficient_buffer, client->send(data, data.size() + 1, address));
+        ASSERT_EQ(clients.size() == 1 ? proactor->sendSockDgram(client->completion_key(), data, data.size(), address)
+                                      : client->send(data, data.size(), address),
                   0);
     }
-    EXPECT_TRUE(answers.reaches(6));
+    EXPECT_TRUE(answers.reaches(3));
     EXPECT_EQ(cut, 1);
     proactor->close();
     EXPECT_EQ(server->closes.count(), 1);
@@ -74,17 +63,17 @@ TEST_F(AsyncDgram, OpensAndCloses) {
     Ref<SocketHandler> owner(new SocketHandler);
     ASSERT_EQ(proactor->register_handle(1, owner->handle, owner.get()), 0);
     Ref<Dgram> socket(new Dgram);
-    expect_error(socket->open(proactor.get(), 0, loopback), error::invalid_parameter); // the first key is taken
+    expect_failure(error::invalid_parameter, socket->open(proactor.get(), 0, loopback)); // the first key is taken
     EXPECT_EQ(proactor->remove_handle(1, true), 0) << "and stays its owner's";
     VEL_Byte_Block block;
-    expect_error(socket->recv(block, 4), error::not_a_socket);
+    expect_failure(error::not_a_socket, socket->recv(block, 4));
     ASSERT_EQ(socket->open(proactor.get(), 0, 0), 0);
     ASSERT_EQ(socket->set_timeout(100000), 0);
     ASSERT_EQ(socket->recv(block, 4), 0);
     socket->close(false);
     EXPECT_EQ(socket->closes.count(), 2) << "key and timer";
     ASSERT_EQ(socket->open(proactor.get(), 0, 0), 0) << "closed, so it may be opened again";
-    socket->on_timeout = [](int32_t, uint32_t&) { return -1; };
+    socket->on_timeout = [](uint32_t&) { return -1; };
     for (int round = 1; round <= 50; ++round) { // a timer may have closed the socket before the call returns
         ASSERT_TRUE(socket->check_open() == 0 || socket->open(proactor.get(), 0, 0) == 0);
         ASSERT_EQ(socket->set_timeout(0), 0);

@@ -1,0 +1,37 @@
+// A counter that tests wait for.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+namespace vel::testing {
+
+/// Counts what happens on other threads.
+class Tally {
+public:
+    void add(int64_t n = 1) {
+        std::lock_guard guard(mutex_);
+        count_ += n;
+        changed_.notify_all();
+    }
+
+    int64_t count() {
+        std::lock_guard guard(mutex_);
+        return count_;
+    }
+
+    /// Waits until `n` have been counted, 30 s at most; false when they have not come by then.
+    bool reaches(int64_t n) {
+        std::unique_lock guard(mutex_);
+        return changed_.wait_for(guard, std::chrono::seconds(30), [&] { return count_ >= n; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int64_t count_ = 0;
+};
+
+} // namespace vel::testing
