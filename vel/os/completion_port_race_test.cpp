@@ -27,14 +27,13 @@ protected:
     // Starts the requests of many rounds; each that started must complete once.
     void run(int rounds, const std::function<void(int, Round&)>& start) {
         std::vector<std::unique_ptr<Round>> held;
-        std::atomic<int> completed{0};
-        std::atomic<int> doubled{0};
-        std::atomic<int> cancelled{0};
+        Tally completed;
+        std::atomic<int> doubled{0}, cancelled{0};
         Workers workers(this->port_, 3, [&](const Completion& completion) {
             auto& request = *static_cast<Request*>(static_cast<IoRequest*>(completion.record));
             if (++request.completions != 1) ++doubled;
             if (completion.error == error::operation_cancelled) ++cancelled;
-            ++completed;
+            completed.add();
         });
         ASSERT_EQ(Back::create(1, to_close_), 0u);
         Workers closer(to_close_, 1,
@@ -45,7 +44,7 @@ protected:
             start(i, *held.back());
             started += held.back()->started;
             if (i % 100 != 0) continue;
-            ASSERT_TRUE(eventually([&] { return completed == started; })) << completed << " of " << started;
+            ASSERT_TRUE(completed.reaches(started)) << completed.count() << " of " << started;
             held.clear();
         }
         closer.stop();

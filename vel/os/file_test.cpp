@@ -1,4 +1,4 @@
-// Contract of the file calls, typed over the back ends that promise it.
+// Contract of the calls on files and trees, typed over the back ends that promise it.
 #include <vel/os/file.h>
 
 #include <atomic>
@@ -25,6 +25,7 @@ struct SystemFiles {
     static constexpr auto set_times = set_file_times;
     static constexpr auto copy = copy_file;
     static constexpr auto move = move_file;
+    static constexpr auto remove_tree = remove_directory_tree;
 };
 
 template <class Back>
@@ -127,6 +128,33 @@ TYPED_TEST(Files, DeleteOnCloseFollowsTheFileNotTheName) {
     close_handle(file);
     EXPECT_FALSE(fs::exists(moved));
     EXPECT_EQ(content_of(path), "another one");
+}
+
+// Deeper than the length of a path would allow, too.
+TYPED_TEST(Files, TreeGoesWholeAndLinksAreNotFollowed) {
+    const auto path = [&](const char* name) { return this->directory_.path(name); };
+    fs::create_directories(path("outside"));
+    const std::string kept = this->directory_.file("outside/kept", "kept");
+    fs::create_directories(path("tree/a/b/c"));
+    fs::create_directory_symlink(path("outside"), path("tree/a/link"));
+    fs::create_directory_symlink("../..", path("tree/a/b/up"));
+    fs::create_symlink(path("nowhere"), path("tree/dangling"));
+    const fs::path before = fs::current_path();
+    fs::current_path(path("tree/a/b/c"));
+    for (int level = 0; level < 300; ++level) {
+        const std::string name(100, 'd');
+        ASSERT_TRUE(fs::create_directory(name));
+        fs::current_path(name);
+    }
+    fs::current_path(before);
+
+    fs::create_directory_symlink(path("tree"), path("link"));
+    EXPECT_NE(TypeParam::remove_tree(path("link").c_str()), error::none);
+    EXPECT_NE(TypeParam::remove_tree(path("link/").c_str()), error::none);
+    EXPECT_TRUE(fs::exists(path("tree/a/b/c")));
+    EXPECT_EQ(TypeParam::remove_tree(path("tree").c_str()), error::none);
+    EXPECT_FALSE(fs::exists(path("tree")));
+    EXPECT_EQ(content_of(kept), "kept");
 }
 
 } // namespace

@@ -33,10 +33,8 @@ struct SystemSockets {
     static constexpr auto receive = os::receive;
     static constexpr auto send = os::send;
     static constexpr auto wait = wait_socket;
-    static constexpr auto take_error = take_socket_error;
     static constexpr auto local_name = os::local_name;
     static constexpr auto set_option = os::set_option;
-    static constexpr auto nonblocking = set_nonblocking;
 };
 
 template <class Back>
@@ -87,15 +85,6 @@ TYPED_TEST(Sockets, RefusedResetAndTimedOutAreToldApart) {
     Address address;
     TypeParam::close(this->bound(stream, address));
     EXPECT_EQ(TypeParam::connect(this->open(stream), &address, sizeof address), error::connection_refused);
-    const uint64_t late = this->open(stream);
-    ASSERT_EQ(TypeParam::nonblocking(late, true), error::none);
-    uint32_t code = TypeParam::connect(late, &address, sizeof address);
-    if (code == error::would_block) {
-        ASSERT_EQ(TypeParam::wait(late, SocketWait::writable, patience_ms), error::none);
-        ASSERT_EQ(TypeParam::take_error(late, code), error::none);
-    }
-    EXPECT_EQ(code, error::connection_refused);
-
     const auto [client, gone, door] = this->connected();
     const int32_t soon_ms = 20;
     const uint16_t abortive[2] = {1, 0};

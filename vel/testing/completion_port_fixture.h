@@ -3,7 +3,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
@@ -13,8 +12,11 @@
 #include <vel/os/error_codes.h>
 #include <vel/os/handle.h>
 #include <vel/os/socket.h>
+#include <vel/testing/tally.h>
 
 namespace vel::os::testing {
+
+using vel::testing::Tally;
 
 inline constexpr int ipv4 = 2;
 inline constexpr int stream = 1;
@@ -102,16 +104,6 @@ inline void send_text(uint64_t socket, const std::string& text) {
     uint64_t moved = 0;
     ASSERT_EQ(os::send(socket, text.data(), text.size(), moved), 0u);
     ASSERT_EQ(moved, text.size());
-}
-
-// Calls `step` until it gives true or patience ends.
-inline bool eventually(const std::function<bool()>& step) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(patience_ms);
-    while (!step()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::yield();
-    }
-    return true;
 }
 
 template <class Back>
