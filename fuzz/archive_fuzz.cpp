@@ -7,15 +7,13 @@
 #include <algorithm>
 #include <memory>
 #include <string>
-#include <tuple>
 #include <vector>
-#include <vel/buffers/archive.h>
 #include <vel/buffers/bit_field.h>
 #include <vel/buffers/object_factory.h>
-#include <vel/buffers/serializable.h>
 #include <vel/frame/error.h>
 #include <vel/memory/malloc.h>
 #include <vel/platform/inet_addr.h>
+#include <vel/testing/fields.h>
 
 namespace {
 
@@ -37,23 +35,8 @@ public:
 
 BoundedAllocator allocator;
 
-/// Fields that are read one after the other.
-template <class... Fields>
-class Message : public VEL_Serializable {
-public:
-    using VEL_Serializable::VEL_Serializable;
-    int deserialize(VEL_Archive& archive) override {
-        std::apply([&](auto&... field) { (archive >> ... >> field); }, fields);
-        return 0;
-    }
-    int serialize(VEL_Archive& archive) const override {
-        std::apply([&](const auto&... field) { (archive << ... << field); }, fields);
-        return 0;
-    }
-    std::tuple<Fields...> fields;
-};
-
-using Searched = Message<int, std::string, VEL_Byte_Block, VEL_Bitfield>;
+using vel::testing::FieldsOf;
+using Searched = FieldsOf<int, std::string, VEL_Byte_Block, VEL_Bitfield>;
 
 /// Fields that are looked for.
 class ByKey : public Searched {
@@ -73,8 +56,8 @@ public:
         switch (stype) {
         case 0: return new VEL_Serializable(stype, sid);
         case 1: return new Searched(stype, sid);
-        case 2: return new Message<SYSTEMTIME, VEL_INET_Addr, std::wstring>(stype, sid);
-        case 4: return new Message<char, short, long, float, double>(stype, sid);
+        case 2: return new FieldsOf<SYSTEMTIME, VEL_INET_Addr, std::wstring>(stype, sid);
+        case 4: return new FieldsOf<char, short, long, float, double>(stype, sid);
         case 3:
         case 5: return new ByKey(stype, sid);
         default: return nullptr;

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 #include <vel/buffers/bit_field.h>
 #include <vel/buffers/byte_block.h>
@@ -20,34 +21,26 @@ public:
     using VEL_InputCDR::VEL_InputCDR;
 };
 
-struct Found {
-    int size = -1;
-    uint32_t code = 0;
-    uint32_t id = 0;
-    uint8_t type = 0;
-    uint32_t length = 0;
-    const void* data = nullptr;
-
-    bool operator==(const Found&) const = default;
-};
+/// Size, id, type, length and data of an element; the size is -1 after the last, the code in place of the length.
+using Found = std::tuple<int, uint32_t, uint8_t, uint32_t, const void*>;
 
 Found lookup(VEL_InputCDR& in) {
     Found found;
-    found.size = in.lookup(found.id, found.type, found.length, found.data);
-    return found.size < 0 ? Found{.code = VELLib::GetErrorCode()} : found;
+    auto& [size, id, type, length, data] = found;
+    size = in.lookup(id, type, length, data);
+    return size < 0 ? Found{-1, 0, 0, VELLib::GetErrorCode(), nullptr} : found;
 }
 
 /// Writes what was found; a number, a text or a block has to come out as the bytes it came from.
-void write_again(const Found& found, const uint8_t* bytes, uint64_t size) {
-    if (found.type == 0 || found.type > 9) return;
+void write_again(uint32_t id, uint8_t type, const uint8_t* bytes, uint64_t size) {
     std::vector<uint8_t> buffer(size);
     VEL_InputCDR in(bytes, size);
     VEL_OutputCDR out(buffer.data(), buffer.size());
     auto copy = [&](auto value) {
         in >> value;
-        require(out.set_value(found.id, value) == static_cast<int>(size));
+        require(out.set_value(id, value) == static_cast<int>(size));
     };
-    switch (found.type) {
+    switch (type) {
     case 1: copy(uint8_t{}); break;
     case 2: copy(uint16_t{}); break;
     case 3: copy(uint32_t{}); break;
@@ -86,14 +79,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const Found found = lookup(plain);
         require(found == lookup(derived));
         require(plain.offset() == derived.offset());
-        if (found.size < 0) {
-            require(found.code == 0x20000004 || found.code == 0x2000000E || found.code == 0x2000000F);
+        const auto& [length, id, type, code, element] = found;
+        if (length < 0) {
+            require(code == 0x20000004 || code == 0x2000000E || code == 0x2000000F);
             break;
         }
-        require(found.data == data + at + 9);
-        if (found.type != 0 && found.type <= 9) require(at + static_cast<uint64_t>(found.size) <= size);
-        write_again(found, data + at, static_cast<uint64_t>(found.size));
-        at += static_cast<uint64_t>(found.size);
+        require(element == data + at + 9);
+        const uint64_t end = at + static_cast<uint64_t>(length);
+        if (type != 0 && type <= 9) {
+            require(end <= size);
+            write_again(id, type, data + at, end - at);
+        }
+        at = end;
     }
     VEL_InputCDR in(data, size);
     in.move(size / 2); // a search may start anywhere

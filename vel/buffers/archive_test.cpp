@@ -5,17 +5,16 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <tuple>
 #include <vector>
 #include <vel/buffers/bit_field.h>
 #include <vel/buffers/byte_block.h>
 #include <vel/buffers/object_factory.h>
-#include <vel/buffers/serializable.h>
 #include <vel/frame/error.h>
 #include <vel/platform/files.h>
 #include <vel/platform/inet_addr.h>
 #include <vel/testing/allocator_environment.h>
 #include <vel/testing/expect_failure.h>
+#include <vel/testing/fields.h>
 #include <vel/testing/format_example.h>
 #include <vel/testing/temporary_directory.h>
 
@@ -54,25 +53,22 @@ public:
 };
 
 /// Everything an archive can carry by operator, and one field by key.
-class Everything : public VEL_Serializable {
+class Everything
+    : public vel::testing::FieldsOf<char, short, int, long, unsigned long long, float, double, std::string,
+                                    std::wstring, SYSTEMTIME, VEL_INET_Addr, VEL_Byte_Block, VEL_Bitfield> {
 public:
-    Everything() : VEL_Serializable(8, 0) {}
+    Everything() : FieldsOf(8, 0) {}
     int serialize(VEL_Archive& archive) const override {
-        std::apply([&](const auto&... field) { (archive << ... << field); }, fields);
-        return archive.set_element(302, key);
+        return FieldsOf::serialize(archive) + archive.set_element(302, key);
     }
     int deserialize(VEL_Archive& archive) override {
-        std::apply([&](auto&... field) { (archive >> ... >> field); }, fields);
-        return archive.get_element(302, key);
+        return FieldsOf::deserialize(archive) + archive.get_element(302, key);
     }
     void calc_size(VEL_Archive& archive) const override {
-        std::apply([&](const auto&... field) { ((archive += field), ...); }, fields);
+        FieldsOf::calc_size(archive);
         archive += key;
     }
 
-    std::tuple<char, short, int, long, unsigned long long, float, double, std::string, std::wstring, SYSTEMTIME,
-               VEL_INET_Addr, VEL_Byte_Block, VEL_Bitfield>
-        fields;
     std::wstring key;
 };
 
@@ -137,19 +133,8 @@ TEST_F(Archive, WritesTheDocumentedBytes) {
 TEST_F(Archive, EveryKindSurvivesTheTrip) {
     Everything sent;
     const SYSTEMTIME time = {2024, 2, 4, 29, 23, 59, 58, 999};
-    sent.fields = {'c',
-                   -300,
-                   -70000,
-                   -5000000000,
-                   ~0ull,
-                   0.5f,
-                   -1e-300,
-                   "text",
-                   L"wide",
-                   time,
-                   VEL_INET_Addr(8080, 0xC0A80001u),
-                   VEL_Byte_Block(4, "data"),
-                   VEL_Bitfield("10101")};
+    sent.fields = std::make_tuple('c', -300, -70000, -5000000000, ~0ull, 0.5f, -1e-300, "text", L"wide", time,
+                                  VEL_INET_Addr(8080, 0xC0A80001u), VEL_Byte_Block(4, "data"), VEL_Bitfield("10101"));
     sent.key = L"\u00e4";
     const Bytes message = packed(sent);
     VEL_InputCDR in(message.data() + 20, message.size() - 20);

@@ -1,12 +1,17 @@
-// Byte blocks and byte queues: sharing, offsets, the kept oddities of the queue.
+// Byte blocks, bit fields and byte queues: sharing, offsets, bit order, the kept oddities of the queue.
+#include <vel/buffers/bit_field.h>
 #include <vel/buffers/byte_queue.h>
 
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 #include <vel/testing/allocator_environment.h>
+#include <vel/testing/expect_failure.h>
 
 namespace {
+
+using Bytes = std::vector<uint8_t>;
 
 std::string text_of(const VEL_Byte_Block& block) {
     return block.is_null() ? std::string() : std::string(static_cast<const char*>(block.c_ptr(0)), block.size());
@@ -38,6 +43,44 @@ TEST(ByteBlock, HandlesShareTheBytesButNotTheOffset) {
     EXPECT_EQ(text_of(copy), "abcdef");
     first.reset();
     EXPECT_EQ(text_of(second), "abcdef");
+}
+
+Bytes bytes_of(const VEL_Bitfield& bits) {
+    const auto* at = static_cast<const uint8_t*>(bits.c_ptr());
+    return {at, at + bits.size()};
+}
+
+TEST(Bitfield, TextGivesOneBitACharacterHighestFirst) {
+    const VEL_Bitfield bits("10100000 1");
+    EXPECT_EQ(bits.get_bitcnt(), 10u);
+    EXPECT_EQ(bytes_of(bits), (Bytes{0xA0, 0x40}));
+    EXPECT_EQ(bits.get_setbitcnt(), 3u);
+    EXPECT_TRUE(bits.is_setbit(9));
+    EXPECT_FALSE(bits.is_setbit(10));
+}
+
+TEST(Bitfield, SpareBitsTravelButDoNotCount) {
+    VEL_Bitfield bits(uint64_t{10});
+    bits.set_bit(10, true); // beyond the count
+    EXPECT_EQ(bytes_of(bits), (Bytes{0, 0}));
+    bits.set_all();
+    EXPECT_EQ(bits.get_setbitcnt(), 10u);
+    VEL_Bitfield copy;
+    copy = bits;
+    EXPECT_EQ(bytes_of(copy), (Bytes{0xFF, 0xFF}));
+    copy.set_bit(0, false);
+    EXPECT_FALSE(copy.is_setall());
+    EXPECT_TRUE(bits.is_setall()); // the copy has bytes of its own
+    EXPECT_EQ(copy.set(static_cast<uint8_t*>(copy.c_ptr()) + 1, 8), 0);
+    EXPECT_EQ(bytes_of(copy), Bytes{0xFF});
+}
+
+TEST(Bitfield, GettersDemandRoom) {
+    const VEL_Bitfield bits("1111000011");
+    char text[12] = "xxxxxxxxxxx";
+    vel::testing::expect_failure(122, bits.get(text, 10));
+    EXPECT_EQ(bits.get(text, 11), 10);
+    EXPECT_STREQ(text, "1111000011x"); // no terminator, as documented
 }
 
 class ByteQueue : public ::testing::Test {
