@@ -4,9 +4,11 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <vector>
-#include <vel/frame/error.h>
+#include <vel/testing/expect_failure.h>
 
 namespace {
+
+using vel::testing::expect_failure;
 
 // The digest of the first 1,024 bytes of the pattern below.
 const char pattern_digest[] = "A66351D9C8F941B70A02EAF9C41E69C3";
@@ -18,12 +20,6 @@ std::vector<unsigned char> pattern(size_t size) {
 }
 
 constexpr uint32_t too_small = 122, wrong_size = 0x20000006;
-
-void refused(int result, uint32_t code) {
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(VELLib::GetErrorCode(), code);
-    VELLib::SetErrorCode(0);
-}
 
 // Every way the padding can fall: the digest of the 301 digests of 0 to 300 bytes, computed apart from the library.
 TEST(Md5, EveryPaddingLength) {
@@ -77,13 +73,13 @@ TEST(Md5, RefusesWrongSizesAndStaysAsItWas) {
     md5.update("abc", 3);
     unsigned char bytes[16] = {}, count[9] = {};
     char text[33], count_text[17];
-    refused(md5.getMD5res(bytes, 15), too_small);
-    refused(md5.getMD5(bytes, 16, count, 7), too_small);
-    refused(md5.getMD5(text, 33, count_text, 16), too_small);
-    refused(md5.getRemData(bytes, 2), too_small);
-    refused(md5.setMD5("0123456789ABCDEF", "1800000000000000"), wrong_size);
-    refused(md5.setMD5(bytes, 16, count, 9), wrong_size);
-    refused(md5.setRemData("abcd", 4), wrong_size);
+    expect_failure(too_small, md5.getMD5res(bytes, 15));
+    expect_failure(too_small, md5.getMD5(bytes, 16, count, 7));
+    expect_failure(too_small, md5.getMD5(text, 33, count_text, 16));
+    expect_failure(too_small, md5.getRemData(bytes, 2));
+    expect_failure(wrong_size, md5.setMD5("0123456789ABCDEF", "1800000000000000"));
+    expect_failure(wrong_size, md5.setMD5(bytes, 16, count, 9));
+    expect_failure(wrong_size, md5.setRemData("abcd", 4));
     md5.final();
     EXPECT_EQ(md5.getMD5reshex(), "900150983CD24FB0D6963F7D28E17F72");
 }

@@ -7,29 +7,29 @@
 
 namespace {
 
-VEL_Allocator* const allocators[] = {VEL_Std_Allocator::instance(), VEL_Virtual_Allocator::instance(),
-                                     VEL_Global_Allocator::instance()};
-
 bool filled(const void* block, uint64_t size, uint8_t byte) {
     const auto* bytes = static_cast<const uint8_t*>(block);
     return std::all_of(bytes, bytes + size, [byte](uint8_t b) { return b == byte; });
 }
 
+void expect_null(uint32_t code, const void* block) {
+    EXPECT_EQ(block, nullptr);
+    EXPECT_EQ(VELLib::GetErrorCode(), code);
+}
+
 class EveryAllocator : public ::testing::TestWithParam<VEL_Allocator*> {};
-INSTANTIATE_TEST_SUITE_P(Allocators, EveryAllocator, ::testing::ValuesIn(allocators));
+INSTANTIATE_TEST_SUITE_P(Allocators, EveryAllocator,
+                         ::testing::Values(VEL_Std_Allocator::instance(), VEL_Virtual_Allocator::instance(),
+                                           VEL_Global_Allocator::instance()));
 
 TEST_P(EveryAllocator, RefusesSizeZeroAndKeepsWhatGrows) {
     VEL_Allocator& allocator = *GetParam();
-    VELLib::SetErrorCode(0);
-    EXPECT_EQ(allocator.malloc(0, true), nullptr);
-    EXPECT_EQ(VELLib::GetErrorCode(), 0x2000000Bu);
+    expect_null(0x2000000B, allocator.malloc(0, true));
     void* block = allocator.malloc(10000, true);
     ASSERT_NE(block, nullptr);
     EXPECT_TRUE(filled(block, 10000, 0));
     std::memset(block, 9, 10000);
-    VELLib::SetErrorCode(0);
-    EXPECT_EQ(allocator.realloc(block, 0), nullptr);
-    EXPECT_EQ(VELLib::GetErrorCode(), 0x2000000Bu);
+    expect_null(0x2000000B, allocator.realloc(block, 0));
     block = allocator.realloc(block, 1000000);
     ASSERT_NE(block, nullptr);
     EXPECT_TRUE(filled(block, 10000, 9));
@@ -52,18 +52,14 @@ TEST(VirtualAllocator, NeverShrinksAndMovesWholePages) {
 
 TEST(PageAndGlobalAllocator, KnowTheirBlocksAndCountSizesModulo32Bits) {
     int foreign = 0;
-    EXPECT_EQ(VEL_Virtual_Allocator::instance()->realloc(&foreign, 10), nullptr);
-    EXPECT_EQ(VELLib::GetErrorCode(), 87u);
-    EXPECT_EQ(VEL_Global_Allocator::instance()->realloc(&foreign, 10), nullptr);
-    EXPECT_EQ(VELLib::GetErrorCode(), 6u);
-    EXPECT_EQ(VEL_Virtual_Allocator::instance()->malloc(uint64_t{1} << 32, false), nullptr);
-    EXPECT_EQ(VELLib::GetErrorCode(), 87u);
+    expect_null(87, VEL_Virtual_Allocator::instance()->realloc(&foreign, 10));
+    expect_null(6, VEL_Global_Allocator::instance()->realloc(&foreign, 10));
+    expect_null(87, VEL_Virtual_Allocator::instance()->malloc(uint64_t{1} << 32, false));
 }
 
 TEST(CurrentAllocator, ForwardsToWhatIsInstalled) {
     ASSERT_EQ(vel::current_allocator(), nullptr) << "nothing is installed at the start";
-    EXPECT_EQ(VELLib::malloc(10, false), nullptr);
-    EXPECT_EQ(VELLib::GetErrorCode(), 0x20000002u);
+    expect_null(0x20000002, VELLib::malloc(10, false));
     EXPECT_EQ(VELLib::set_allocator(VEL_Virtual_Allocator::instance()), 0);
     void* block = VELLib::malloc(10, true);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 4096, 0u) << "the page allocator's";

@@ -6,7 +6,6 @@
 #include <vel/frame/error.h>
 #include <vel/frame/exception.h>
 #include <vel/os/error_codes.h>
-#include <vel/platform/dotted_quad.h>
 #include <vel/testing/expect_failure.h>
 
 namespace {
@@ -16,23 +15,6 @@ using vel::testing::expect_failure;
 
 // Port 8080 at 10.1.2.3, as any user of the socket layer lays it out.
 const uint8_t bytes[32] = {2, 0, 0x1F, 0x90, 10, 1, 2, 3};
-
-TEST(DottedQuad, TextsAreReadOrLeftToTheResolver) {
-    constexpr uint32_t refused = 0xABCDEF01;
-    const std::pair<const char*, uint32_t> quads[] = {
-        {"192.168.0.1", 0xC0A80001}, {"255.255.255.255", 0xFFFFFFFF}, {"000.000.000.000", 0},
-        {"010.0.0.077", 0x0800003F}, {"08.0.0.1", refused},           {"1.2.3.019", refused}, // leading 0: octal
-    };
-    for (const auto& [text, expected] : quads) {
-        uint32_t host = refused;
-        EXPECT_TRUE(vel::is_dotted_quad(text)) << text;
-        EXPECT_EQ(vel::read_dotted_quad(text, host), expected != refused) << text;
-        EXPECT_EQ(host, expected) << text;
-    }
-    for (const char* text : {"192.168.0", "1.2.3.4.5", "256.1.1.1", "1.1.1.256", "1.1.1.0001", "1..1.1", ".1.1.1.1",
-                             "1.1.1.1.", "1.1.1.1 ", "-1.1.1.1", "0x1.1.1.1", "255.255.255.2551", "", "localhost"})
-        EXPECT_FALSE(vel::is_dotted_quad(text)) << text;
-}
 
 TEST(InetAddr, TextNumbersAndRecordsMeanTheSame) {
     VEL_INET_Addr address(8080, 0x0A010203);

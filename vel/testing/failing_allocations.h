@@ -31,20 +31,6 @@ private:
     }
 };
 
-/// Repeats a call with one more allocation granted each time until none is missing: every time but the last it must
-/// fail with code 8 as `failed` tells, and throw nothing. Returns how often it failed.
-template <class Call, class Failed>
-int fail_each_allocation(Call call, Failed failed) {
-    for (int granted = 0; granted < 1000; ++granted) {
-        {
-            const FailingAllocations failing(granted);
-            call();
-        }
-        if (!failed()) return granted;
-    }
-    return -1;
-}
-
 } // namespace vel::testing
 
 // Not inlined: a compiler that looks inside takes the pair for mismatched. The whole family, since the address
