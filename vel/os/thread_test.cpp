@@ -9,7 +9,13 @@
 #include <vel/os/clock.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/event.h>
+#include <vel/os/file.h>
 #include <vel/os/handle.h>
+#include <vel/os/linux/testing/child_process.h>
+#include <vel/os/linux/testing/lock_waiter.h>
+#include <vel/os/linux/testing/object_name.h>
+#include <vel/os/named_mutex.h>
+#include <vel/testing/temporary_directory.h>
 
 #ifndef __has_feature // a word of one compiler only
 #define __has_feature(name) 0
@@ -56,8 +62,7 @@ protected:
     }
     void* create() {
         void* handle = nullptr;
-        uint32_t id = 0;
-        EXPECT_EQ(Back::create(count_steps, this, 0, handle, id), error::none);
+        EXPECT_EQ(Back::create(count_steps, this, 0, handle, id_), error::none);
         return owned(handle);
     }
     void* start() {
@@ -93,6 +98,7 @@ protected:
         return steps_ != before;
     }
 
+    uint32_t id_ = 0; // of the thread made last
     std::atomic<uint32_t> steps_{0};
     std::atomic<bool> stop_{false};
     std::function<void()> first_; // done between the first step and the second
@@ -145,6 +151,47 @@ TYPED_TEST(Threads, SuspendedOrKilledItStandsStillAndNobodyInheritsItsSlots) {
         this->expect_killed(thread, 100 + round);
     }
     free_slot(slot);
+}
+
+// Killed only where it sleeps in the kernel: elsewhere it might keep a lock that the whole process needs.
+TYPED_TEST(Threads, AKilledWaiterLeavesTheLockToOthers) {
+    const vel::testing::TemporaryDirectory directory;
+    const vel::testing::ObjectName name;
+    void* mutex = nullptr;
+    bool abandoned = false;
+    vel::testing::ChildProcess owner([&](vel::testing::Talk& parent) {
+        if (open_mutex(name.c_str(), mutex) || acquire_mutex(mutex, 0, abandoned)) return false;
+        parent.tell();
+        return parent.hear();
+    });
+    ASSERT_TRUE(owner.talk().hear());
+    const auto kill_while = [this](std::function<void()> waits) {
+        this->first_ = waits;
+        void* thread = this->start();
+        ASSERT_TRUE(vel::testing::comes_to_wait_for_lock(this->id_));
+        this->expect_killed(thread, 1);
+    };
+    ASSERT_EQ(open_mutex(name.c_str(), mutex), error::none);
+    this->owned(mutex);
+    const auto acquire = [mutex, lost = false]() mutable { acquire_mutex(mutex, VEL_INFINITE, lost); };
+    kill_while(acquire); // owned by another process
+    owner.kill();
+    ASSERT_EQ(acquire_mutex(mutex, long_ms, abandoned), error::none);
+    kill_while(acquire); // owned by this thread
+    EXPECT_EQ(release_mutex(mutex), error::none);
+    EXPECT_EQ(acquire_mutex(mutex, 0, abandoned) + release_mutex(mutex), error::none);
+
+    void* files[2];
+    for (void*& file : files) {
+        ASSERT_EQ(open_file(directory.path("file").c_str(), FileOpen::open_always, file), error::none);
+        this->owned(file);
+    }
+    for (void* file : files) { // first within one handle, then between two
+        ASSERT_EQ(lock_range(files[0], 0, 1, false), error::none);
+        kill_while([file] { lock_range(file, 0, 1, true); });
+        EXPECT_EQ(unlock_range(files[0], 0, 1), error::none);
+        EXPECT_EQ(lock_range(files[0], 0, 1, false) + unlock_range(files[0], 0, 1), error::none);
+    }
 }
 
 TYPED_TEST(Threads, SuspendResumeAndEndRace) {
