@@ -38,18 +38,13 @@ TEST(ErrorMessage, LibraryCodesHaveTheirTextsAndOthersTheFallback) {
     EXPECT_EQ(message_of(0x20000012), "상대방으로부터 현재 연결이 종료 되었습니다.");
     EXPECT_EQ(message_of(0x20000027), "작업이 너무 많아 해당 요청을 수용 할 수 없습니다.");
     EXPECT_NE(message_of(0x20000018).find("합니다.  먼저"), std::string::npos) << "the double blank stays";
+    EXPECT_EQ(message_of(0x20000023, 10), "데이터");
+    EXPECT_EQ(message_of(0x20000023, 9), "데이") << "cut at a character";
     for (uint32_t code : {0x20000000u, 0x20000028u, 0x3FFFFFFFu, 0xFFFFFFFFu, 424242u, 0x40000000u + 99999u})
         EXPECT_EQ(message_of(code), unknown_text) << std::hex << code;
     for (uint32_t code = 0x20000002; code <= 0x20000027; ++code) EXPECT_NE(message_of(code), unknown_text) << code;
     for (uint32_t code : {0u, 8u, 258u, 997u, 10013u, 10054u, 11001u, 12157u, 0x40000000u + 71u})
         EXPECT_NE(message_of(code), unknown_text) << code;
-}
-
-TEST(ErrorMessage, LibraryTextIsCutAtACharacter) {
-    EXPECT_EQ(message_of(0x20000023, 11), "데이터"); // 9 of the 10 bytes that fit
-    EXPECT_EQ(message_of(0x20000023, 10), "데이터");
-    EXPECT_EQ(message_of(0x20000023, 9), "데이");
-    EXPECT_EQ(message_of(0x20000001, 1), "");
 }
 
 TEST(ErrorMessage, SystemTextMustFitWithItsLineEndWhichTheLengthCounts) {

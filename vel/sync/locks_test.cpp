@@ -2,24 +2,13 @@
 #include <atomic>
 #include <gtest/gtest.h>
 #include <thread>
-#include <utility>
-#include <vel/frame/error.h>
 #include <vel/sync/guard.h>
 #include <vel/testing/allocator_environment.h>
+#include <vel/testing/expect_failure.h>
 
 namespace {
 
-constexpr uint32_t untouched = 42;
-
-// Result and error code of a call, in one number that reads well when it differs.
-template <class Call>
-std::pair<int, uint32_t> outcome(Call call) {
-    VELLib::SetErrorCode(untouched);
-    const int result = call();
-    return {result, VELLib::GetErrorCode()};
-}
-
-using Outcome = std::pair<int, uint32_t>;
+using vel::testing::expect_failure;
 
 // Whether another thread can take the lock by that call.
 bool free_elsewhere(VEL_Base_Mutex& mutex, int (VEL_Base_Mutex::*take)()) {
@@ -41,16 +30,16 @@ TEST(ThreadMutex, IsRecursiveShutsOutOtherThreadsAndRefusesTheRest) {
     EXPECT_TRUE(free_elsewhere(copy, any)) << "a copy is a fresh lock";
     EXPECT_EQ(mutex.release(), 0);
     EXPECT_TRUE(free_elsewhere(mutex, any));
-    const Outcome expected{-1, 0x20000003};
-    EXPECT_EQ(outcome([&] { return base.tryacquire_write(); }), expected);
-    EXPECT_EQ(outcome([&] { return base.acquire(1000); }), expected);
+    expect_failure(0x20000003, base.tryacquire_write());
+    expect_failure(0x20000003, base.acquire(1000));
 }
 
 TEST(RwThreadMutex, ReadersShareAndWritersExclude) {
     VEL_RW_Thread_Mutex mutex;
     EXPECT_EQ(mutex.acquire_read(), 0);
     EXPECT_TRUE(free_elsewhere(mutex, read));
-    EXPECT_EQ(outcome([&] { return mutex.tryacquire_write(); }), (Outcome{-1, untouched}));
+    VELLib::SetErrorCode(42);
+    expect_failure(42, mutex.tryacquire_write()); // says nothing
     EXPECT_TRUE(free_elsewhere(mutex, read)) << "the entry is free again";
     EXPECT_EQ(mutex.release(), 0);
 
@@ -113,12 +102,12 @@ void check_guard_counts(int how) {
         EXPECT_EQ(guard.lock(), -1);
         EXPECT_EQ(guard.unlock(), -1); // fails, so it is still held twice
         Guard without(&mutex);         // could not take it
-        EXPECT_EQ(outcome([&] { return without.unlock(); }), (Outcome{-1, untouched}));
+        EXPECT_EQ(without.unlock(), -1);
         mutex.result = 0;
     }
     EXPECT_EQ(mutex.released, 4);
     Guard empty(nullptr);
-    EXPECT_EQ(outcome([&] { return empty.lock(); }), (Outcome{-1, 0x20000004}));
+    expect_failure(0x20000004, empty.lock());
 }
 
 TEST(Guards, CountWhatTheyHold) {

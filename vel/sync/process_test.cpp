@@ -1,43 +1,53 @@
-// The named mutex and shared memory: codes and copies; between processes only what their classes add to the system's.
+// The locks between processes and shared memory: codes and copies, and what their classes add to the system's.
 #include <cstring>
 #include <gtest/gtest.h>
 #include <thread>
-#include <vel/frame/error.h>
 #include <vel/os/handle.h>
 #include <vel/os/linux/testing/child_process.h>
+#include <vel/os/linux/testing/object_name.h>
 #include <vel/os/memory.h>
+#include <vel/platform/files.h>
+#include <vel/sync/file_mutex.h>
 #include <vel/sync/guard.h>
 #include <vel/sync/shared_memory.h>
 #include <vel/testing/allocator_environment.h>
+#include <vel/testing/expect_failure.h>
+#include <vel/testing/temporary_directory.h>
 
 namespace {
 
-using vel::testing::ChildProcess;
+using vel::testing::expect_failure;
+using vel::testing::ObjectName;
 using vel::testing::Talk;
 
-std::string unique_name() {
-    static int count = 0;
-    return "sync_test/" + std::to_string(::getpid()) + "." + std::to_string(++count);
+TEST(FileMutex, LocksLengthBytesFromOffset) {
+    const vel::testing::TemporaryDirectory directory;
+    const std::string path = directory.path("locked");
+    void* first = VELLib::create(path.c_str(), false, 0);
+    void* second = VELLib::open(path.c_str(), false, 0);
+    VEL_File_Mutex mutex(first, 10, 100); // bytes 100 to 109
+    VEL_File_Mutex other(second, 1, 109);
+    EXPECT_EQ(mutex.acquire(), 0);
+    expect_failure(33, other.tryacquire());
+    other.setlockopt(second, 90, 10); // bytes 10 to 99
+    EXPECT_EQ(other.tryacquire() + other.release() + mutex.release(), 0);
+    expect_failure(158, mutex.release());
+    VELLib::close(first);
+    VELLib::close(second);
 }
 
 TEST(ProcessMutex, TellsWhoHoldsItByItsCodes) {
-    const std::string name = unique_name();
-    ChildProcess owner([&](Talk& parent) {
-        VEL_Process_Mutex mutex(name.c_str(), true);
-        if (mutex.acquire() != 0) return 1;
-        parent.tell();
-        return parent.hear() ? 0 : 2;
-    });
-    ASSERT_TRUE(owner.talk().hear());
+    const ObjectName name;
     VEL_Process_Mutex mutex(name.c_str(), true);
-    VELLib::SetErrorCode(42);
-    EXPECT_EQ(mutex.tryacquire(), -1);
-    EXPECT_EQ(VELLib::GetErrorCode(), 42u);
-    EXPECT_EQ(mutex.acquire(0), -1);
-    EXPECT_EQ(VELLib::GetErrorCode(), 258u);
-    EXPECT_EQ(mutex.release(), -1);
-    EXPECT_EQ(VELLib::GetErrorCode(), 288u);
-    owner.kill();
+    std::thread([&] {
+        EXPECT_EQ(mutex.acquire(), 0);
+        std::thread([&] {
+            VELLib::SetErrorCode(42);
+            expect_failure(42, mutex.tryacquire()); // says nothing
+            expect_failure(258, mutex.acquire(0));
+            expect_failure(288, mutex.release());
+        }).join();
+    }).join(); // and dies with it
     bool abandoned = false;
     EXPECT_EQ(mutex.acquire(20000, abandoned), 0);
     EXPECT_TRUE(abandoned);
@@ -47,7 +57,7 @@ TEST(ProcessMutex, TellsWhoHoldsItByItsCodes) {
 }
 
 TEST(SharedMemory, ProcessesSeeTheSameBytesUnderOneLock) {
-    const std::string name = unique_name();
+    const ObjectName name;
     const auto count_up = [&](VEL_Shared_Memory& block) {
         auto* counter = static_cast<volatile uint64_t*>(block.c_ptr(16));
         for (int step = 0; step < 300; ++step) {
@@ -57,17 +67,16 @@ TEST(SharedMemory, ProcessesSeeTheSameBytesUnderOneLock) {
             *counter = value + 1;
         }
     };
-    ChildProcess other([&](Talk& parent) {
+    const uint64_t page = vel::os::page_size();
+    vel::testing::ChildProcess other([&](Talk& parent) {
         VEL_Shared_Memory block;
         if (!parent.hear() || block.open(name.c_str(), 10) == -1) return 1;
         parent.tell();
         count_up(block);
-        return block.size() == 2 * vel::os::page_size() ? 0 : 2; // a block that is there keeps its size
+        return block.size() == 2 * page ? 0 : 2; // a block that is there keeps its size
     });
     VEL_Shared_Memory block;
-    const uint64_t page = vel::os::page_size();
     EXPECT_EQ(block.open(name.c_str(), page + 1), int(2 * page));
-    EXPECT_EQ(block.size(), 2 * page);
     other.talk().tell();
     ASSERT_TRUE(other.talk().hear());
     count_up(block);
@@ -77,7 +86,7 @@ TEST(SharedMemory, ProcessesSeeTheSameBytesUnderOneLock) {
 
 TEST(SharedMemory, CopiesShareItAndItVanishesWithTheLast) {
     const uint64_t handles = vel::os::open_handle_count();
-    const std::string name = unique_name();
+    const ObjectName name;
     {
         VEL_Shared_Memory block;
         ASSERT_NE(block.open(name.c_str(), 100), -1);
@@ -89,8 +98,7 @@ TEST(SharedMemory, CopiesShareItAndItVanishesWithTheLast) {
     VEL_Shared_Memory fresh;
     ASSERT_NE(fresh.open(name.c_str(), 100), -1);
     EXPECT_EQ(*static_cast<char*>(fresh.c_ptr(99)), 0);
-    EXPECT_EQ(fresh.open(name.c_str(), uint64_t{1} << 32), -1);
-    EXPECT_EQ(VELLib::GetErrorCode(), 87u) << "the low half of the size is 0";
+    expect_failure(87, fresh.open(name.c_str(), uint64_t{1} << 32)); // the low half of the size is 0
     EXPECT_EQ(vel::os::open_handle_count(), handles) << "a failure leaves nothing open";
 }
 
