@@ -13,6 +13,11 @@ uint32_t create_event(bool manual_reset, bool signalled, void*& event);
 uint32_t set_event(void* event);
 uint32_t reset_event(void* event);
 
+/// Sets an event in two steps, so that its waiters do not run into a lock that the caller holds meanwhile: the event is
+/// set at once, and who sleeps on it is woken by the second call, which may be left out where `sleepers` is 0. Errors: 6.
+uint32_t mark_event(void* event, uint32_t& sleepers);
+uint32_t wake_event(void* event, uint32_t sleepers);
+
 /// Waits for one event or thread handle. 0 when signalled, 258 on time-out, 6.
 /// @param timeout_ms  0 polls, VEL_INFINITE waits for ever
 uint32_t wait_handle(void* handle, uint32_t timeout_ms);

@@ -24,6 +24,15 @@ struct SystemEvents {
     static constexpr auto wait_any = os::wait_any;
 };
 
+// The same, set in two steps.
+struct TwoStepEvents : SystemEvents {
+    static uint32_t set(void* event) {
+        uint32_t sleepers = 0;
+        const uint32_t code = mark_event(event, sleepers);
+        return code == error::none && sleepers != 0 ? wake_event(event, sleepers) : code;
+    }
+};
+
 template <class Back>
 class Events : public ::testing::Test {
 protected:
@@ -39,7 +48,8 @@ protected:
     std::vector<void*> events_;
 };
 
-TYPED_TEST_SUITE(Events, ::testing::Types<SystemEvents>);
+using BackEnds = ::testing::Types<SystemEvents, TwoStepEvents>;
+TYPED_TEST_SUITE(Events, BackEnds);
 
 TYPED_TEST(Events, ManualStaysSetAutoFreesOneWaitAndTheLowestIndexWins) {
     using E = TypeParam;

@@ -104,6 +104,20 @@ uint32_t set_event(void* event) {
     return error::none;
 }
 
+uint32_t mark_event(void* event, uint32_t& sleepers) {
+    Pinned<Waitable> object(event, HandleKind::event);
+    if (!object) return error::invalid_handle;
+    sleepers = object->mark();
+    return error::none;
+}
+
+uint32_t wake_event(void* event, uint32_t sleepers) {
+    Pinned<Waitable> object(event, HandleKind::event);
+    if (!object) return error::invalid_handle;
+    object->wake(sleepers);
+    return error::none;
+}
+
 uint32_t reset_event(void* event) {
     Pinned<Waitable> object(event, HandleKind::event);
     if (!object) return error::invalid_handle;
@@ -112,8 +126,14 @@ uint32_t reset_event(void* event) {
 }
 
 uint32_t wait_handle(void* handle, uint32_t timeout_ms) {
-    uint32_t index;
-    return wait_any(&handle, 1, timeout_ms, index);
+    Waitable* object = pin_waitable(handle);
+    if (!object) return error::invalid_handle;
+    PinLink pin;
+    pin.hold(object);
+    const bool signalled = object->wait(timeout_ms);
+    if (signalled) object->after_wait();
+    pin.drop();
+    return signalled ? error::none : error::wait_timeout;
 }
 
 uint32_t wait_any(void* const* handles, uint32_t count, uint32_t timeout_ms, uint32_t& index) {

@@ -2,19 +2,26 @@
 #include <vel/os/linux/waitable.h>
 
 #include <sys/eventfd.h>
+#include <vel/os/linux/deadline.h>
+#include <vel/os/linux/futex.h>
 
 namespace vel::os {
 
 void Waitable::write_descriptor() { ::eventfd_write(descriptor(), 1); }
 
-void Waitable::set() {
+uint32_t Waitable::mark() {
     uint32_t word = word_.load(std::memory_order_seq_cst);
     uint32_t next;
     do {
-        if (word & signalled_bit) return;
-        next = word | signalled_bit | (word >= watcher_unit ? written_bit : 0);
+        if (word & signalled_bit) return 0;
+        next = (word | signalled_bit | (word >= watcher_unit ? written_bit : 0)) & ~slept_on_bit;
     } while (!word_.compare_exchange_weak(word, next, std::memory_order_seq_cst));
-    if ((next & written_bit) && !(word & written_bit)) write_descriptor();
+    return (word & slept_on_bit) | (next & ~word & written_bit);
+}
+
+void Waitable::wake(uint32_t whom) {
+    if (whom & slept_on_bit) futex_wake_all(word_);
+    if (whom & written_bit) write_descriptor();
 }
 
 void Waitable::reset() {
@@ -29,6 +36,21 @@ bool Waitable::take() {
         if (manual_reset_) return true;
     } while (!word_.compare_exchange_weak(word, word & ~signalled_bit, std::memory_order_seq_cst));
     return true;
+}
+
+bool Waitable::wait(uint32_t timeout_ms) {
+    if (take()) return true;
+    if (timeout_ms == 0) return false;
+    const Deadline deadline(timeout_ms);
+    timespec left;
+    do {
+        uint32_t word = word_.load(std::memory_order_seq_cst);
+        if (!(word & signalled_bit) &&
+            word_.compare_exchange_strong(word, word | slept_on_bit, std::memory_order_seq_cst))
+            futex_wait(word_, word | slept_on_bit, deadline.remaining(left));
+        if (take()) return true;
+    } while (!deadline.expired());
+    return false;
 }
 
 void Waitable::add_watcher() {

@@ -8,8 +8,9 @@ namespace vel::os {
 
 /// A signalled or reset state with an event descriptor behind it.
 ///
-/// All state is one word: signalled, written (the descriptor is or will be readable) and the number of watchers, that
-/// is sleeping threads and foreign pollers. Invariants, whenever no call is under way:
+/// All state is one word: signalled, slept on (threads sleep on the word itself), written (the descriptor is or will be
+/// readable) and the number of watchers, that is threads and pollers that sleep on the descriptor. Whoever waits for
+/// nothing else sleeps on the word. Invariants, whenever no call is under way:
 ///  - signalled with a watcher implies written; written implies that the descriptor is readable;
 ///  - a readable descriptor may be stale: whoever meets one that is not signalled settles it before it sleeps again.
 /// So without watchers setting and resetting cost no system call, with them a set costs one only when the descriptor
@@ -18,11 +19,18 @@ class Waitable : public HandleObject {
 public:
     Waitable(bool manual_reset, bool signalled) : word_(signalled ? signalled_bit : 0), manual_reset_(manual_reset) {}
 
-    void set();
+    void set() { wake(mark()); }
     void reset();
+
+    /// `set` in two steps: sets the state and says whom to wake, 0 for nobody; and wakes those.
+    uint32_t mark();
+    void wake(uint32_t whom);
 
     /// Takes the signal: true when it is set, and then an auto-reset one is reset.
     bool take();
+
+    /// Waits for this object alone: true once it took the signal, false on time-out.
+    bool wait(uint32_t timeout_ms);
 
     /// A watcher may sleep on the descriptor (level-triggered) until it is removed. After a wake-up it asks `settle`.
     void add_watcher();
@@ -37,7 +45,8 @@ public:
 private:
     static constexpr uint32_t signalled_bit = 1;
     static constexpr uint32_t written_bit = 2;
-    static constexpr uint32_t watcher_unit = 4;
+    static constexpr uint32_t slept_on_bit = 4;
+    static constexpr uint32_t watcher_unit = 8;
 
     void write_descriptor();
 
