@@ -34,13 +34,19 @@ int VEL_Message_Queue::open() {
     return 0;
 }
 
+// Who sleeps on the event is woken when the lock is free. Should the queue be closed in between, the handle may be
+// another event's by then: its sleepers look once more at what they wait for.
 int VEL_Message_Queue::sendMessage(const VEL_Message_Block& message) {
     if (message.is_null()) return vel::fail(vel::error::invalid_parameter);
+    uint32_t sleepers = 0;
     VEL_Guard guard(lock_);
     if (!queue_) return vel::fail(vel::error::object_closed);
     const bool was_empty = queue_->is_empty();
     if (queue_->enqueue(message) != 0) return -1;
-    if (was_empty) vel::os::set_event(get_event());
+    void* event = get_event();
+    if (was_empty) vel::os::mark_event(event, sleepers);
+    guard.unlock();
+    if (sleepers != 0) vel::os::wake_event(event, sleepers);
     return 0;
 }
 
