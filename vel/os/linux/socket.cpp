@@ -77,9 +77,11 @@ uint32_t receive_message(SocketObject& socket, iovec part, void* address, int32_
     message.msg_iov = &part;
     message.msg_iovlen = 1;
     ssize_t got = 0;
+    const auto mark = socket.notices.arm(notice::read);
     const uint32_t code = run(socket, got, [&](int descriptor) { return ::recvmsg(descriptor, &message, 0); });
+    if (!code) moved = static_cast<uint64_t>(got);
+    socket.notices.received(mark, code, moved < part.iov_len);
     if (code) return code;
-    moved = static_cast<uint64_t>(got);
     if (length && message.msg_namelen > 0) *length = static_cast<int32_t>(message.msg_namelen); // streams name nobody
     return message.msg_flags & MSG_TRUNC ? error::message_too_long : error::none;
 }
@@ -136,7 +138,9 @@ uint32_t bind_for_connect(uint64_t socket) {
 uint32_t listen_socket(uint64_t socket) {
     const PinnedSocket object = pin_socket(socket);
     if (!object) return error::not_a_socket;
-    return code_of(::listen(object->descriptor(), INT32_MAX));
+    if (::listen(object->descriptor(), INT32_MAX) < 0) return last_error();
+    object->notices.listening();
+    return error::none;
 }
 
 uint32_t accept_socket(uint64_t listener, void* address, int32_t& length, uint64_t& socket) {
@@ -144,6 +148,7 @@ uint32_t accept_socket(uint64_t listener, void* address, int32_t& length, uint64
     if (!object) return error::not_a_socket;
     auto room = static_cast<socklen_t>(std::max(length, 0));
     ssize_t accepted = -1;
+    const auto mark = object->notices.arm(notice::accept);
     const uint32_t code = run(*object, accepted, [&](int descriptor) {
         int fresh;
         do {
@@ -151,6 +156,7 @@ uint32_t accept_socket(uint64_t listener, void* address, int32_t& length, uint64
         } while (fresh < 0 && is_transient_accept_error(errno));
         return fresh;
     });
+    object->notices.accepted(mark, code);
     if (code) return code;
     length = static_cast<int32_t>(room);
     return adopt_socket(static_cast<int>(accepted), object->family, object->type, socket);
@@ -162,10 +168,14 @@ uint32_t connect_socket(uint64_t socket, const void* address, int32_t length) {
     BlockingCall call(*object);
     if (call.ended()) return error::not_a_socket;
     const auto* target = static_cast<const sockaddr*>(address);
+    const bool fresh = object->notices.connect_begins();
     const int result = ::connect(object->descriptor(), target, static_cast<socklen_t>(length));
     int error_number = result < 0 ? errno : 0;
     if (error_number == EINTR) error_number = finish_connect(object->descriptor());
-    return call.ended() ? error::not_a_socket : connect_error(*object, error_number);
+    if (call.ended()) return error::not_a_socket;
+    const uint32_t code = connect_error(*object, error_number);
+    object->notices.connect_ends(code, fresh);
+    return code;
 }
 
 uint32_t receive(uint64_t socket, void* buffer, uint64_t size, uint64_t& moved) {
@@ -174,8 +184,10 @@ uint32_t receive(uint64_t socket, void* buffer, uint64_t size, uint64_t& moved) 
     if (!object) return error::not_a_socket;
     if (!object->is_stream()) return receive_message(*object, {buffer, size}, nullptr, nullptr, moved);
     ssize_t got = 0;
+    const auto mark = object->notices.arm(notice::read);
     const uint32_t code = run(*object, got, [&](int descriptor) { return ::recv(descriptor, buffer, size, 0); });
     if (!code) moved = static_cast<uint64_t>(got);
+    object->notices.received(mark, code, moved < size);
     return code;
 }
 
@@ -196,6 +208,7 @@ uint32_t send(uint64_t socket, const void* data, uint64_t size, uint64_t& moved)
         const uint32_t code = run(*object, sent, [&](int descriptor) {
             return ::send(descriptor, bytes + moved, size - moved, MSG_NOSIGNAL);
         });
+        object->notices.sent(code);
         if (code) return moved ? error::none : code; // the next call meets the error again
         moved += static_cast<uint64_t>(sent);
         // A signal may cut a blocking send short.
@@ -214,6 +227,7 @@ uint32_t send_to(uint64_t socket, const void* data, uint64_t size, const void* a
         const auto* target = static_cast<const sockaddr*>(address);
         return ::sendto(descriptor, data, size, MSG_NOSIGNAL, target, static_cast<socklen_t>(length));
     });
+    object->notices.sent(code);
     if (!code) moved = static_cast<uint64_t>(sent);
     return code;
 }
@@ -239,6 +253,7 @@ uint32_t take_socket_error(uint64_t socket, uint32_t& error) {
     socklen_t length = sizeof pending;
     if (::getsockopt(object->descriptor(), SOL_SOCKET, SO_ERROR, &pending, &length) < 0) return last_error();
     error = pending ? socket_error(pending) : error::none;
+    if (error) object->notices.error_taken(error);
     return error::none;
 }
 

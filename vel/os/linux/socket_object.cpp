@@ -16,6 +16,7 @@ bool SocketObject::is_stream() const { return type == SOCK_STREAM; }
 
 void SocketObject::detach() {
     port.detach();
+    notices.close();
     closing_.store(true);
     // Only when somebody sleeps in there: a shutdown that nobody needs would end an abortive close in good order and
     // cut off a forked process that shares the connection.

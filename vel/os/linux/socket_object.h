@@ -4,15 +4,19 @@
 #include <atomic>
 #include <vel/os/linux/handle_table.h>
 #include <vel/os/linux/port_binding.h>
+#include <vel/os/linux/socket_notices.h>
 
 namespace vel::os {
 
 /// A socket. Closing it ends the calls that block on it: they see `ended` and return 10038.
 class SocketObject final : public HandleObject {
 public:
-    SocketObject(int socket_family, int socket_type) : family(socket_family), type(socket_type) {}
+    SocketObject(int socket_family, int socket_type)
+        : family(socket_family),
+          type(socket_type),
+          notices(*this, is_stream()) {}
 
-    /// Lets the port drop the socket, then wakes the calls that block on it.
+    /// Lets the port and the sink of notices drop the socket, then wakes the calls that block on it.
     void detach() override;
     PortBinding* port_binding() override { return &port; }
 
@@ -22,6 +26,7 @@ public:
     const int type;                       // without creation flags
     std::atomic<bool> nonblocking{false}; // the mode its user has asked for
     PortBinding port;
+    SocketNotices notices;
 
 private:
     friend class BlockingCall;

@@ -26,6 +26,8 @@ public:
     uint32_t mark();
     void wake(uint32_t whom);
 
+    bool is_signalled() const { return (word_.load(std::memory_order_seq_cst) & signalled_bit) != 0; }
+
     /// Takes the signal: true when it is set, and then an auto-reset one is reset.
     bool take();
 
@@ -38,6 +40,11 @@ public:
 
     /// Whether the signal is set; when it is not, a stale descriptor is made unreadable again.
     bool settle();
+
+    /// Whether the descriptor is readable though the signal is not set.
+    bool stale() const {
+        return (word_.load(std::memory_order_seq_cst) & (signalled_bit | written_bit)) == written_bit;
+    }
 
     /// Called once by a waiter that took the signal.
     virtual void after_wait() {}

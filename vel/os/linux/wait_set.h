@@ -1,0 +1,90 @@
+// The wait set of this system.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <vel/os/linux/deadline.h>
+#include <vel/os/linux/notice_sink.h>
+#include <vel/os/linux/short_lock.h>
+#include <vel/os/linux/wait_members.h>
+
+namespace vel::os {
+
+class Waitable;
+
+/// Threads sleep in one epoll. Each socket is registered there once; in the steady state a notice costs the shared wait
+/// and what its reader does.
+///
+/// Whom a signal frees. The kernel hands an edge to one sleeper and a readable event to one after the other. What
+/// a thread finds beyond the member that it gives to its caller, and what calls on sockets record, frees another
+/// sleeper by a nudge: an edge of a descriptor that nobody reads. At most one nudge is under way, and whoever leaves
+/// a wait passes on what is left, so none is lost and no herd comes.
+///
+/// Wake-ups. `wake` counts a generation up and makes a level-triggered descriptor readable, which frees all sleepers.
+/// Until the last of them has left and read it (`draining_`), nobody goes to sleep.
+class EpollWaitSet final : public WaitSet, private NoticeSink {
+public:
+    EpollWaitSet() = default;
+    ~EpollWaitSet() override;
+
+    uint32_t open();
+
+    uint32_t bind(uint64_t key, uint64_t socket, uint32_t notices) override;
+    uint32_t add_event(uint64_t key, void* event) override;
+    void remove(uint64_t key) override;
+    uint32_t generation() const override { return generation_.load(std::memory_order_acquire); }
+    uint32_t wait(uint64_t after, uint32_t generation, uint32_t timeout_ms, uint64_t& key) override;
+    bool take(uint64_t key, Notices& notices) override;
+    void put_back(uint64_t key) override;
+    void wake() override;
+
+private:
+    static constexpr uint64_t wake_tag = ~uint64_t{0};
+    static constexpr uint64_t nudge_tag = wake_tag - 1;
+
+    using Guard = std::lock_guard<ShortLock>;
+    using Lock = std::unique_lock<ShortLock>;
+    struct Batch;
+
+    void recorded(SocketNotices& socket, uint64_t key) override;
+    void retracted(uint64_t key) override;
+    void released(uint64_t key) override;
+
+    SocketNotices* socket_of(uint64_t key);
+    static Waitable* pin_event(uint64_t tag);
+    uint32_t find_signalled(Lock& lock, uint64_t after, uint32_t generation, const Deadline& deadline, uint64_t& key,
+                            uint64_t& event);
+    uint32_t first_known(uint64_t after);
+    bool may_be_signalled_before(uint32_t place) const;
+    static bool take_event(uint64_t tag);
+    static void finish_event(uint64_t tag);
+
+    // Both ask the kernel, with the lock open meanwhile.
+    void look(Lock& lock);
+    void sleep(Lock& lock, const Deadline& deadline);
+    void fetch_batch(const timespec* timeout, Batch& batch);
+    void apply(const Batch& batch);
+    uint32_t mark(uint64_t key);
+
+    void settle_event(uint64_t tag);
+    void drop_dead(uint64_t tag);
+    void prepare_events();
+    void last_sleeper_left();
+    void await_drain(Lock& lock, const Deadline& deadline);
+
+    void nudge_one();
+    void pass_on(uint32_t given);
+
+    ShortLock lock_; // guards what follows
+    WaitMembers members_;
+    uint32_t sleepers_ = 0; // threads from before their wait in the epoll until they have applied what it brought
+    uint32_t epoch_ = 0;    // counts how often sleepers were given up
+    bool draining_ = false;
+    bool nudged_ = false;                 // a nudge is under way
+    std::atomic<uint32_t> generation_{0}; // changes under the lock
+    std::atomic<uint32_t> drains_{0};     // likewise
+    Descriptor wake_{-1};
+    Descriptor nudge_{-1};
+};
+
+} // namespace vel::os
