@@ -38,6 +38,12 @@ struct FileInfo {
     uint64_t size;
 };
 
+/// What an open file is at the moment. A deleted one has no name left and goes with its last handle.
+struct FileState {
+    uint64_t size;
+    uint64_t names;
+};
+
 /// Opens a file, never waiting for another opener; a directory gives 5, a missing parent 3.
 /// Errors: 2, 3, 4, 5, 8, 80, 112 and other system codes.
 uint32_t open_file(const char* path, FileOpen how, void*& file, const FileOptions& options = {});
@@ -54,6 +60,7 @@ uint32_t write_file_at(void* file, const void* data, uint64_t size, uint64_t off
 /// @param whence  0 begin, 1 current, 2 end
 uint32_t seek_file(void* file, int64_t offset, uint32_t whence, int64_t& position);
 uint32_t file_size(void* file, uint64_t& size);
+uint32_t file_state(void* file, FileState& state);
 
 /// The file position stays. Errors: 5 for a handle opened for reading, 112, 223.
 uint32_t set_file_size(void* file, uint64_t size);

@@ -27,6 +27,7 @@ uint32_t number;
 bool flag;
 char byte;
 FileTimes times;
+FileState state;
 
 uint64_t as_socket(void* handle) { return reinterpret_cast<uint64_t>(handle); }
 
@@ -40,6 +41,7 @@ const Call calls[] = {
     {"terminate_thread", thread, [](void* h) { return terminate_thread(h, 1); }},
     {"thread_exit_code", thread, [](void* h) { return thread_exit_code(h, number); }},
     {"file_size", file, [](void* h) { return file_size(h, moved); }},
+    {"file_state", file, [](void* h) { return file_state(h, state); }},
     {"set_file_size", file, [](void* h) { return set_file_size(h, 0); }},
     {"file_times", file, [](void* h) { return file_times(h, times); }},
     {"lock_range", file, [](void* h) { return lock_range(h, 0, 1, true); }},

@@ -79,9 +79,11 @@ uint32_t ByteLocks::reserve(uint64_t offset, uint64_t length, bool wait) {
     while (!closed_ && overlaps(offset, length)) {
         if (!wait) return error::lock_violation;
         const uint32_t seen = changes_.load(std::memory_order_relaxed);
+        ++waiters_;
         hold.unlock();
         futex_wait(changes_, seen);
         hold.lock();
+        --waiters_;
     }
     if (closed_) return error::invalid_handle;
     try {
@@ -140,7 +142,7 @@ void ByteLocks::unlock_in_kernel(int descriptor, uint64_t offset, uint64_t lengt
 // Called with the lock.
 void ByteLocks::announce() {
     changes_.fetch_add(1, std::memory_order_relaxed);
-    futex_wake_all(changes_);
+    if (waiters_ > 0) futex_wake_all(changes_);
 }
 
 bool ByteLocks::overlaps(uint64_t offset, uint64_t length) const {

@@ -44,6 +44,7 @@ private:
     std::mutex mutex_;
     // Counts what waiters look for. A condition variable would wait at its end for a waiter that was killed.
     std::atomic<uint32_t> changes_{0};
+    uint32_t waiters_ = 0;      // guarded by mutex_; too high for good once a waiter was killed, which costs a call
     std::vector<Range> ranges_; // guarded by mutex_
     bool closed_ = false;       // guarded by mutex_
 
