@@ -17,6 +17,7 @@
 #include <vel/frame/exception.h>
 #include <vel/frame/thread_id.h>
 #include <vel/library.h>
+#include <vel/log/log.h>
 #include <vel/memory/allocator.h>
 #include <vel/memory/hash_function.h>
 #include <vel/memory/hash_map.h>
