@@ -6,7 +6,7 @@ declare -A packages=(
     [build]="g++ cmake ninja-build ccache libgtest-dev libgmock-dev"
     [check]="python3 clang-format"
     [bench]="libbenchmark-dev libssl-dev libasio-dev libuv1-dev libevent-dev libprotobuf-dev protobuf-compiler
-             libmsgpack-cxx-dev libcereal-dev pkg-config python3 strace"
+             libmsgpack-cxx-dev libcereal-dev libspdlog-dev pkg-config python3 strace"
     [clang]="clang clang-tidy llvm libclang-rt-14-dev"
     [docs]="doxygen"
 )
