@@ -132,7 +132,7 @@ uint32_t EpollWaitSet::find_signalled(Lock& lock, uint64_t after, uint32_t gener
     bool looked = false;
     while (generation == generation_.load(std::memory_order_relaxed)) {
         const uint32_t place = first_known(after);
-        if (place != WaitMembers::nowhere && (looked || after != 0 || !may_be_signalled_before(place))) {
+        if (place != WaitMembers::nowhere && (looked || after != 0 || !may_be_signalled_up_to(place))) {
             const WaitMember& member = members_[place];
             if (member.event_tag && !take_event(member.event_tag)) continue;
             key = member.key;
@@ -173,9 +173,9 @@ uint32_t EpollWaitSet::first_known(uint64_t after) {
     return WaitMembers::nowhere;
 }
 
-// An edge that nobody has fetched yet may tell of a socket with a smaller key.
-bool EpollWaitSet::may_be_signalled_before(uint32_t place) const {
-    return ((WaitMembers::bit(place) - 1) & ~(members_.events | members_.held)) != 0;
+// An edge that nobody has fetched yet may tell of a socket with a smaller key, or tell more of this one.
+bool EpollWaitSet::may_be_signalled_up_to(uint32_t place) const {
+    return ((WaitMembers::bit(place) * 2 - 1) & ~(members_.events | members_.held)) != 0;
 }
 
 // An auto-reset event is taken by the wait that gives it. False when another thread was first.

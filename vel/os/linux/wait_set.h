@@ -55,7 +55,7 @@ private:
     uint32_t find_signalled(Lock& lock, uint64_t after, uint32_t generation, const Deadline& deadline, uint64_t& key,
                             uint64_t& event);
     uint32_t first_known(uint64_t after);
-    bool may_be_signalled_before(uint32_t place) const;
+    bool may_be_signalled_up_to(uint32_t place) const;
     static bool take_event(uint64_t tag);
     static void finish_event(uint64_t tag);
 
