@@ -106,18 +106,14 @@ uint32_t VEL_Proactor::calc_timeout() {
     return timer_queue_ == nullptr ? VEL_INFINITE : timer_queue_->wait_ms(os::tick_ms64());
 }
 
-/// Runs what is due. The guard against timers that are due again at once is deliberate as it stands: the pass ends
-/// where the timer that it began with comes round. Another one with a short interval runs until then, and the place of
-/// one that has ended goes to the timer at hand.
+/// One pass over the timers that are due.
 int VEL_Proactor::dispatch_timer() {
     VEL_Guard guard(lock_);
     if (timer_queue_ == nullptr) return 0;
     int dispatched = 0;
-    int32_t first_id = 0;
+    int32_t began_with = 0;
     TimerQueue::Period timer;
-    while (!closing_ && timer_queue_->first_due(os::tick_ms64(), timer)) {
-        if (timer.timer_id == first_id) break;
-        if (!timer_queue_->contains(first_id)) first_id = timer.timer_id; // also the first of all: no timer has id 0
+    while (!closing_ && timer_queue_->next_due(os::tick_ms64(), began_with, timer)) {
         timer.handler->addref();
         guard.unlock();
         uint32_t interval_ms = timer.interval;

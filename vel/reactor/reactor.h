@@ -9,14 +9,14 @@
 #include <vel/sync/thread_safety.h>
 #include <vel/types.h>
 
-class VEL_Guard;
-
 namespace vel {
 class ReactorRepository;
+struct ReactorSlot;
 } // namespace vel
 
 namespace vel::os {
 class WaitSet;
+struct Notices;
 } // namespace vel::os
 
 /// What a handler can be registered for. 4 also reports the peer's close, as input with an error.
@@ -99,17 +99,32 @@ public:
     int reschedule_timer(int32_t timer_id, uint32_t interval_ms);
 
 private:
-    friend class vel::ReactorRepository;
     using TimerQueue = VEL_Timer_Queue<VEL_Event_Handler>;
 
-    int acquire_timer();
-    int release_timer();
+    uint32_t refusal(bool named) const VEL_REQUIRES(lock_);
+    int admit(const vel::ReactorSlot& slot, uint32_t code) VEL_REQUIRES(lock_);
+    void drop(const vel::ReactorSlot& slot) VEL_REQUIRES(lock_);
+    int end_registration(void* handle, uint32_t mask, const VEL_Event_Handler* only);
+    void close_timers();
+    void close_slots();
+
+    int run_cycle(uint32_t timeout_ms, bool timer_role);
+    int dispatch_from(uint64_t key);
+    bool next_signalled(uint64_t& key);
+    void dispatch(uint64_t key);
+    void dispatch_event(const vel::ReactorSlot& slot);
+    void dispatch_socket(const vel::ReactorSlot& slot);
+    uint32_t call_handlers(const vel::ReactorSlot& slot, const vel::os::Notices& notices);
+
+    bool acquire_timer();
+    void release_timer();
     uint32_t calc_timeout();
     int dispatch_timer();
 
-    VEL_Thread_Mutex lock_; // guards queue and repository
-    std::unique_ptr<TimerQueue> timers_;
-    std::unique_ptr<vel::ReactorRepository> repository_;
+    VEL_Thread_Mutex lock_;
+    std::unique_ptr<TimerQueue> timers_ VEL_PT_GUARDED_BY(lock_);
+    std::unique_ptr<vel::ReactorRepository> repository_ VEL_PT_GUARDED_BY(lock_);
     std::unique_ptr<vel::os::WaitSet> wait_set_;
-    std::atomic<bool> deactivated_{false};
+    bool timer_waits_ VEL_GUARDED_BY(lock_) = false; // a thread waits for the first timer's time
+    std::atomic<bool> deactivated_{false};           // set under the lock, for good
 };

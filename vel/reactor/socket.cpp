@@ -5,6 +5,7 @@
 #include <vel/frame/exception.h>
 #include <vel/os/error_codes.h>
 #include <vel/platform/report.h>
+#include <vel/reactor/reactor.h>
 
 namespace {
 
@@ -158,12 +159,16 @@ int VEL_Socket::enable_nonblock() { return is_open() ? VELLib::sock_enable_nonbl
 
 int VEL_Socket::disable_nonblock() { return is_open() ? VELLib::sock_disable_nonblock(socket_) : closed_socket(); }
 
-int VEL_Socket::register_event_select(VEL_Reactor*, VEL_Event_Handler*, uint32_t) {
-    return vel::report(is_open() ? vel::error::not_implemented : vel::error::not_a_socket);
+int VEL_Socket::register_event_select(VEL_Reactor* reactor, VEL_Event_Handler* handler, uint32_t mask) {
+    if (!is_open()) return closed_socket();
+    return reactor ? reactor->register_handler(reinterpret_cast<void*>(socket_), handler, mask)
+                   : vel::report(vel::error::null_member);
 }
 
-int VEL_Socket::remove_event_select(VEL_Reactor*, VEL_Event_Handler*, uint32_t) {
-    return vel::report(is_open() ? vel::error::not_implemented : vel::error::not_a_socket);
+int VEL_Socket::remove_event_select(VEL_Reactor* reactor, VEL_Event_Handler* handler, uint32_t mask) {
+    if (!is_open()) return closed_socket();
+    return reactor ? reactor->remove_handler(reinterpret_cast<void*>(socket_), handler, mask)
+                   : vel::report(vel::error::null_member);
 }
 
 int VEL_Socket::window_async_select(HWND, uint32_t, int32_t) {

@@ -81,13 +81,12 @@ public:
     int enable_nonblock();
     int disable_nonblock();
 
-    /// Registers this socket with a reactor, or ends the registration, for the events of `mask`.
-    /// Not there yet: -1 with 0x20000003, as for the window below.
+    /// The reactor's `register_handler` and `remove_handler` for this socket. Errors: 0x20000004 without a reactor.
     int register_event_select(VEL_Reactor* reactor, VEL_Event_Handler* handler, uint32_t mask);
     int remove_event_select(VEL_Reactor* reactor, VEL_Event_Handler* handler, uint32_t mask);
 
     /// Asks for `message` to be posted to `window` on the socket events of `events` (1 read, 2 write, 8 accept,
-    /// 16 connect, 32 close); 0 ends it.
+    /// 16 connect, 32 close); 0 ends it. Not there yet: -1 with 0x20000003.
     int window_async_select(HWND window, uint32_t message, int32_t events);
 
     /// Splits a posted notice: returns the event and stores its error.

@@ -53,9 +53,11 @@ bool TimerEngine::reschedule(int32_t id, uint32_t interval_ms, uint64_t now_ms, 
     return true;
 }
 
-bool TimerEngine::first_due(uint64_t now_ms, Timer& timer) const {
+bool TimerEngine::next_due(uint64_t now_ms, int32_t& began_with, Timer& timer) const {
     if (deadline_ms() > now_ms) return false;
     timer = nodes_[heap_.front().node].timer;
+    if (timer.id == began_with) return false;
+    if (!contains(began_with)) began_with = timer.id; // also the first of all: no timer has id 0
     return true;
 }
 

@@ -27,7 +27,7 @@ public:
     bool reschedule(int32_t id, uint32_t interval_ms, uint64_t now_ms, bool& sooner);
     bool contains(int32_t id) const { return find(id) != none; }
 
-    bool first_due(uint64_t now_ms, Timer& timer) const;
+    bool next_due(uint64_t now_ms, int32_t& began_with, Timer& timer) const;
     bool take_first(Timer& timer);
 
     uint64_t deadline_ms() const { return heap_.empty() ? UINT64_MAX : heap_.front().deadline; }
@@ -129,10 +129,14 @@ public:
 
     bool contains(int32_t id) const { return engine_.contains(id); }
 
-    /// The first timer if it is due; it stays in the queue.
-    bool first_due(uint64_t now_ms, Period& period) const {
+    /// The first timer if it is due; it stays in the queue. A pass takes what is due one after the other, and
+    /// reschedules or cancels each. Its guard against timers that are due again at once is deliberate as it stands: it
+    /// ends where the timer that it began with comes round. Another one with a short interval runs until then, and the
+    /// place of one that has ended goes to the timer at hand.
+    /// @param began_with  the pass's own, 0 at its start
+    bool next_due(uint64_t now_ms, int32_t& began_with, Period& period) const {
         vel::TimerEngine::Timer timer;
-        return engine_.first_due(now_ms, timer) && fill(period, timer);
+        return engine_.next_due(now_ms, began_with, timer) && fill(period, timer);
     }
 
     /// Removes the first timer, due or not, to wind the queue up; false when the queue is empty.

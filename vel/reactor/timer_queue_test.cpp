@@ -91,7 +91,7 @@ private:
 
     void dispatch() {
         Period period;
-        for (int most = 20; most > 0 && queue_.first_due(now_, period); --most) {
+        for (int most = 20, pass = 0; most > 0 && queue_.next_due(now_, pass, period); --most, pass = 0) {
             EXPECT_EQ(period.timer_id, first_id());
             reschedule(period.timer_id);
         }

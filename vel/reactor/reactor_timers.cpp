@@ -1,0 +1,102 @@
+// The reactor's timers.
+#include <vel/reactor/reactor.h>
+
+#include <vel/os/clock.h>
+#include <vel/os/error_codes.h>
+#include <vel/os/wait_set.h>
+#include <vel/platform/report.h>
+#include <vel/reactor/reactor_repository.h>
+#include <vel/sync/guard.h>
+
+namespace error = vel::error;
+namespace os = vel::os;
+
+namespace {
+
+void* handle_of(int32_t timer_id) { return reinterpret_cast<void*>(static_cast<intptr_t>(timer_id)); }
+
+} // namespace
+
+int32_t VEL_Reactor::schedule_timer(VEL_Event_Handler* handler, uint32_t interval_ms) {
+    VEL_Guard guard(lock_);
+    if (deactivated_) return vel::report(error::object_closed);
+    if (!handler) return vel::report(error::invalid_parameter);
+    bool sooner = false;
+    const int32_t id = timers_->schedule(handler, interval_ms, os::tick_ms64(), sooner);
+    if (id < 0) return -1;
+    handler->addref();
+    if (sooner && timer_waits_) wakeup();
+    return id;
+}
+
+/// Nobody is woken: a wait for the timer that has gone is merely too short.
+int VEL_Reactor::cancel_timer(int32_t timer_id, bool no_close) {
+    VEL_Guard guard(lock_);
+    VEL_Event_Handler* handler = nullptr;
+    if (!timers_->cancel(timer_id, handler)) return -1;
+    guard.unlock();
+    if (!no_close) handler->handle_close(handle_of(timer_id), VEL_TIMER_EVENT, this);
+    handler->release();
+    return 0;
+}
+
+int VEL_Reactor::reschedule_timer(int32_t timer_id, uint32_t interval_ms) {
+    VEL_Guard guard(lock_);
+    bool sooner = false;
+    if (!timers_->reschedule(timer_id, interval_ms, os::tick_ms64(), sooner))
+        return vel::report(error::invalid_parameter);
+    if (sooner && timer_waits_) wakeup();
+    return 0;
+}
+
+void VEL_Reactor::close_timers() {
+    VEL_Guard guard(lock_);
+    TimerQueue::Period timer;
+    while (timers_->take_first(timer)) {
+        guard.unlock();
+        timer.handler->handle_close(handle_of(timer.timer_id), VEL_TIMER_EVENT, this);
+        timer.handler->release();
+        guard.lock();
+    }
+}
+
+bool VEL_Reactor::acquire_timer() {
+    VEL_Guard guard(lock_);
+    return timers_->acquire_role();
+}
+
+void VEL_Reactor::release_timer() {
+    VEL_Guard guard(lock_);
+    timer_waits_ = false;
+    timers_->release_role();
+}
+
+/// Time to the first timer. From here until `dispatch_timer` a sooner one needs a wake-up, at any other time none.
+uint32_t VEL_Reactor::calc_timeout() {
+    VEL_Guard guard(lock_);
+    timer_waits_ = true;
+    return timers_->wait_ms(os::tick_ms64());
+}
+
+int VEL_Reactor::dispatch_timer() {
+    VEL_Guard guard(lock_);
+    timer_waits_ = false;
+    int dispatched = 0;
+    int32_t began_with = 0;
+    TimerQueue::Period timer;
+    while (timers_->next_due(os::tick_ms64(), began_with, timer)) {
+        timer.handler->addref();
+        guard.unlock();
+        uint32_t interval_ms = timer.interval;
+        const int result = timer.handler->handle_timeout(timer.timer_id, interval_ms, this);
+        if (result < 0) cancel_timer(timer.timer_id, false);
+        guard.lock();
+        bool sooner = false; // this thread looks again before it waits
+        if (result >= 0) timers_->reschedule(timer.timer_id, interval_ms, os::tick_ms64(), sooner);
+        guard.unlock();
+        timer.handler->release();
+        guard.lock();
+        ++dispatched;
+    }
+    return dispatched;
+}
