@@ -1,0 +1,253 @@
+// The reactor: orders, registrations and their ends, what sockets report, several threads.
+#include <vel/testing/reactor_fixture.h>
+
+#include <atomic>
+#include <ctime>
+#include <vector>
+
+namespace vel::test {
+namespace {
+
+using vel::testing::expect_failure;
+
+TEST_F(ReactorTest, ServesInTheOrderOfRegistrationEachOnce) {
+    Recorder& a = connected("a", VEL_INPUT_EVENT);
+    Recorder& b = recorder("b");
+    void* const signal = event(false);
+    EXPECT_EQ(reactor->register_handler(&b, signal, VEL_SIGNAL_EVENT), 0);
+    Recorder& c = connected("c", VEL_INPUT_EVENT);
+    c.peer.send("x", 1);
+    os::set_event(signal);
+    a.peer.send("x", 1);
+    EXPECT_EQ(reactor->handle_event(0), 3);
+    EXPECT_EQ(journal.read(), "a.input b.signal c.input");
+    EXPECT_EQ(reactor->handle_event(0), 1) << "an event stays signalled, unread data is told once";
+    os::reset_event(signal);
+    a.on["input"] = [&] { return a.drain(), c.drain(), c.peer.send("x", 1), 0; };
+    c.on["input"] = [&] { return c.drain(), a.peer.send("x", 1), os::set_event(signal), 0; };
+    a.on["input"]();
+    EXPECT_EQ(cycle(), "b.signal c.input");
+    os::reset_event(signal);
+    EXPECT_EQ(cycle(), "a.input c.input") << "what is signalled meanwhile behind is served, in front it waits";
+}
+
+TEST_F(ReactorTest, ARefusalEndsItsEventAndThoseBehindIt) {
+    Recorder& a = recorder("a");
+    a.socket.open(2, 1, 0);
+    a.socket.enable_nonblock();
+    EXPECT_EQ(a.socket.register_event_select(reactor.get(), &a, 14), 0);
+    EXPECT_EQ(quiet(), "") << "nothing has been started";
+    expect_failure(error::would_block, a.socket.connect(listen()));
+    VEL_Socket server;
+    EXPECT_EQ(door.accept(server), 0);
+    server.send("x", 1);
+    a.on["output"] = [] { return -1; };
+    EXPECT_EQ(cycle(), "a.connect a.output a.close12");
+    EXPECT_EQ(a.ended, a.handle());
+    EXPECT_EQ(a.references(), 2) << "registered for the connect still";
+    expect_failure(0x12345, reactor->remove_handler(a.handle(), &a, 12));
+    EXPECT_EQ(reactor->remove_handler(a.handle(), &a, 14 | VEL_NO_CLOSE_CALL), 0);
+
+    Recorder& b = connected("b", 12);
+    b.peer.send("x", 1);
+    b.on["input"] = [] { return -1; };
+    EXPECT_EQ(cycle(), "b.output b.input b.close4");
+    Recorder& c = recorder("c");
+    c.on["signal"] = [] { return -1; };
+    EXPECT_EQ(reactor->register_handler(&c, event(true), VEL_SIGNAL_EVENT), 0);
+    EXPECT_EQ(cycle(), "b.output c.signal c.close1") << "b was bound anew";
+}
+
+TEST_F(ReactorTest, RegistersSixtyThree) {
+    Recorder& a = connected("a", VEL_CONNECT_EVENT);
+    void* const named = event(true);
+    EXPECT_EQ(reactor->register_handler(a.handle(), &a, VEL_INPUT_EVENT), 1);
+    expect_failure(error::invalid_parameter, reactor->register_handler(nullptr, named, 1));
+    expect_failure(error::invalid_parameter, reactor->register_handler(&a, static_cast<void*>(nullptr), 1));
+    expect_failure(error::invalid_parameter, reactor->register_handler(as_handle(VEL_Socket()), &a, 4));
+    expect_failure(error::not_a_socket, reactor->register_handler(named, &a, 4));
+    EXPECT_EQ(a.references(), 2) << "bits, and what failed, hold no reference";
+    for (int i = 1; i < 63; ++i) EXPECT_EQ(reactor->register_handler(&a, event(false), VEL_SIGNAL_EVENT), 0);
+    expect_failure(error::too_many_events, reactor->register_handler(&a, named, VEL_SIGNAL_EVENT));
+    expect_failure(error::too_many_events, reactor->register_handler(a.handle(), &a, VEL_OUTPUT_EVENT));
+    expect_failure(0x12345, reactor->remove_handler(&a, named, VEL_SIGNAL_EVENT));
+    EXPECT_EQ(reactor->remove_handler(a.handle(), &a, 6), 0);
+    EXPECT_EQ(reactor->register_handler(&a, named, VEL_SIGNAL_EVENT), 0);
+    EXPECT_EQ(cycle(), "a.close6 a.signal") << "the last place works as the others";
+    reactor->deactivate();
+    expect_failure(error::object_closed, reactor->register_handler(nullptr, named, VEL_SIGNAL_EVENT));
+    expect_failure(error::object_closed, reactor->handle_event(0));
+}
+
+TEST_F(ReactorTest, APeersEndIsInputWithItsCode) {
+    Recorder& graceful = connected("a", 12);
+    EXPECT_EQ(cycle(), "a.output");
+    EXPECT_EQ(reactor->remove_handler(graceful.handle(), &graceful, VEL_OUTPUT_EVENT | VEL_NO_CLOSE_CALL), 1);
+    EXPECT_EQ(graceful.references(), 2);
+    graceful.peer.close();
+    EXPECT_EQ(quiet(), "") << "a removal ends the notice of the close too";
+    EXPECT_EQ(reactor->register_handler(graceful.handle(), &graceful, VEL_INPUT_EVENT), 1);
+    EXPECT_EQ(cycle(), "a.input");
+    EXPECT_EQ(graceful.error, error::peer_closed);
+
+    Recorder& broken = connected("b", VEL_INPUT_EVENT);
+    const uint16_t linger[] = {1, 0};
+    EXPECT_EQ(broken.peer.set_option(0xFFFF, 0x80, linger, sizeof linger), 0);
+    broken.peer.close();
+    EXPECT_EQ(cycle(), "b.input");
+    EXPECT_EQ(broken.error, error::connection_reset);
+
+    Recorder& unread = connected("c", VEL_INPUT_EVENT);
+    unread.peer.send("x", 1);
+    unread.peer.shutdown(1);
+    EXPECT_EQ(cycle(), "c.input");
+    EXPECT_EQ(unread.error, 0u);
+    EXPECT_EQ(quiet(), "") << "neither again before it receives, nor closed before it has read";
+    char byte;
+    EXPECT_EQ(unread.socket.recv(&byte, 1), 1);
+    EXPECT_EQ(cycle(), "c.input");
+    EXPECT_EQ(unread.error, error::peer_closed);
+}
+
+TEST_F(ReactorTest, EndsFromInsideEveryCall) {
+    const auto ending = [&](const std::string& call, auto action) {
+        reactor = std::make_unique<VEL_Reactor>();
+        journal.read();
+        Recorder& self = connected("a", 30);
+        void* const signal = event(true);
+        self.peer.send("x", 1);
+        EXPECT_EQ(reactor->register_handler(&self, signal, VEL_SIGNAL_EVENT), 0);
+        self.on[call] = [&self, signal, action] { return action(self, signal), -1; };
+        const std::string words = cycle();
+        os::reset_event(signal);
+        return words;
+    };
+    const auto remove = [&](Recorder& self, void* signal) {
+        reactor->remove_handler(self.handle(), &self, 30 | VEL_NO_CLOSE_CALL);
+        reactor->remove_handler(&self, signal, VEL_SIGNAL_EVENT);
+    };
+    const auto close_socket = [](Recorder& self, void*) { self.socket.close(); };
+    const auto close_reactor = [&](Recorder&, void*) { reactor->close(); };
+    EXPECT_EQ(ending("output", remove), "a.output a.close1");
+    EXPECT_EQ(ending("input", remove), "a.output a.input a.close1");
+    EXPECT_EQ(ending("signal", remove), "a.output a.input a.signal a.close1");
+    EXPECT_EQ(ending("output", close_socket), "a.output a.close12 a.signal");
+    EXPECT_EQ(ending("output", close_reactor), "a.output a.close30 a.close1");
+    EXPECT_EQ(ending("input", close_reactor), "a.output a.input a.close30 a.close1");
+    EXPECT_EQ(ending("signal", close_reactor), "a.output a.input a.signal a.close30 a.close1");
+}
+
+TEST_F(ReactorTest, ARefusalDoesNotEndTheNextOwnerOfTheNumber) {
+    Recorder& a = connected("a", VEL_INPUT_EVENT);
+    Recorder& next = recorder("b");
+    a.on["input"] = [&] {
+        void* const number = a.handle();
+        reactor->remove_handler(number, &a, VEL_INPUT_EVENT | VEL_NO_CLOSE_CALL);
+        a.socket.close();
+        EXPECT_EQ(next.socket.open(2, 2, 0), 0);
+        EXPECT_EQ(next.handle(), number) << "the test is about this case";
+        return next.socket.register_event_select(reactor.get(), &next, 12), -1;
+    };
+    a.peer.send("x", 1);
+    EXPECT_EQ(cycle(), "a.input b.output");
+    EXPECT_EQ(next.references(), 2);
+}
+
+TEST_F(ReactorTest, WaitsAsLongAsToldAndWithoutWork) {
+    connected("a", VEL_INPUT_EVENT).peer.send("x", 1);
+    EXPECT_EQ(cycle(), "a.input");
+    EXPECT_EQ(reactor->handle_event(0), 0);
+    const auto started = std::chrono::steady_clock::now();
+    const std::clock_t worked = std::clock();
+    EXPECT_EQ(reactor->handle_event(200), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(200));
+    EXPECT_LT(std::clock() - worked, CLOCKS_PER_SEC / 20);
+}
+
+/// Threads that run the reactor until it is deactivated, which must free each of them.
+struct ReactorThreadsTest : ReactorTest {
+    void start(int count) {
+        while (count-- > 0)
+            loops.emplace_back([this] {
+                while (reactor->handle_event(VEL_INFINITE) >= 0) {
+                }
+                EXPECT_EQ(VELLib::GetErrorCode(), error::object_closed);
+            });
+    }
+
+    void TearDown() override {
+        reactor->deactivate();
+        for (std::thread& loop : loops) loop.join();
+        ReactorTest::TearDown();
+    }
+
+    std::vector<std::thread> loops;
+};
+
+TEST_F(ReactorThreadsTest, OneThreadAtATimeServesASocketButTwoAnEvent) {
+    constexpr int sockets = 8, rounds = 200;
+    std::atomic<int> received{0}, meeting{0};
+    std::deque<std::atomic<int>> inside(sockets);
+    std::vector<Recorder*> recorders;
+    for (auto& busy : inside) {
+        Recorder& self = *recorders.emplace_back(&connected("a", VEL_INPUT_EVENT));
+        self.on["input"] = [&] {
+            EXPECT_EQ(++busy, 1);
+            received += self.drain();
+            return --busy, 0;
+        };
+    }
+    Recorder& b = recorder("b");
+    void* const signal = event(true);
+    b.on["signal"] = [&] {
+        ++meeting;
+        EXPECT_TRUE(comes_true([&] { return meeting >= 2; }));
+        return os::reset_event(signal), 0;
+    };
+    EXPECT_EQ(reactor->register_handler(&b, signal, VEL_SIGNAL_EVENT), 0);
+    start(4);
+    for (int round = 0; round < rounds; ++round)
+        for (Recorder* self : recorders) EXPECT_EQ(self->peer.send("x", 1), 1);
+    EXPECT_TRUE(comes_true([&] { return received == sockets * rounds && meeting >= 2; })) << received;
+}
+
+TEST_F(ReactorThreadsTest, WaitingThreadsSeeNewEventsAndTimers) {
+    start(3);
+    for (int i = 0; i < 50; ++i) {
+        Recorder& a = recorder("a");
+        void* const signal = event(i % 2 == 0);
+        a.on["signal"] = a.on["timeout"] = [] { return -1; };
+        EXPECT_EQ(reactor->register_handler(&a, signal, VEL_SIGNAL_EVENT), 0);
+        EXPECT_GT(reactor->schedule_timer(&a, static_cast<uint32_t>(i % 3)), 0);
+        os::set_event(signal);
+        EXPECT_TRUE(comes_true([&] { return a.references() == 1; })) << "both served and ended";
+    }
+}
+
+TEST_F(ReactorThreadsTest, RemovalsAndClosesMeetCallsUnderWay) {
+    std::atomic<int> closes{0}, timing{0};
+    std::vector<Recorder*> recorders;
+    for (int i = 0; i < 30; ++i) {
+        Recorder& a = *recorders.emplace_back(&connected("a", 12));
+        a.on["close"] = [&] { return ++closes, 0; };
+        a.on["input"] = [&] { return a.drain(), 0; };
+        a.on["output"] = [&] { return a.peer.send("x", 1), 0; };
+        a.on["timeout"] = [&] {
+            EXPECT_EQ(++timing, 1) << "one thread at a time has the timers";
+            return --timing, 0;
+        };
+        EXPECT_GT(reactor->schedule_timer(&a, 1), 0);
+    }
+    start(3);
+    std::vector<std::thread> enders;
+    for (int i = 0; i < 2; ++i)
+        enders.emplace_back([&] {
+            for (Recorder* self : recorders) reactor->remove_handler(self->handle(), self, VEL_OUTPUT_EVENT);
+            reactor->close();
+        });
+    for (std::thread& ender : enders) ender.join();
+    EXPECT_TRUE(comes_true([&] { return closes == 3 * 30; })) << closes << " of output, input and timer";
+}
+
+} // namespace
+} // namespace vel::test
