@@ -2,8 +2,10 @@
 #include <vel/log/log.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -41,7 +43,26 @@ private:
     char* const bytes_;
 };
 
-const char* tag(uint32_t kind) {
+// Time and tag by hand: with snprintf a line takes 130 ns more, 4 % of all.
+char* put_text(char* place, std::string_view text) { return place + text.copy(place, text.size()); }
+
+// @param least  10 or 1000: the smallest number that needs no zeros before it
+char* put_number(char* place, uint32_t number, uint32_t least) {
+    for (; least > 1 && number < least; least /= 10) *place++ = '0';
+    return std::to_chars(place, place + 5, number).ptr;
+}
+
+char* put_time(char* place, const SYSTEMTIME& time) {
+    const uint16_t numbers[] = {time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute, time.wSecond};
+    *place++ = '[';
+    for (size_t i = 0; i < std::size(numbers); ++i) {
+        place = put_number(place, numbers[i], i == 0 ? 1000 : 10);
+        *place++ = "-- ::]"[i];
+    }
+    return place;
+}
+
+std::string_view tag(uint32_t kind) {
     if (kind == 1) return "[WARNING]";
     return kind == 2 ? "[ERROR]" : "[INFO]";
 }
@@ -55,9 +76,6 @@ const char* source_name(const char* path) {
 bool same_day(const SYSTEMTIME& a, const SYSTEMTIME& b) {
     return a.wYear == b.wYear && a.wMonth == b.wMonth && a.wDay == b.wDay;
 }
-
-/// What `snprintf` wrote of a text that it was given room for.
-size_t written(int length, size_t room) { return std::min(static_cast<size_t>(std::max(length, 0)), room - 1); }
 
 std::string month_directory(const char* dir, const SYSTEMTIME& time) {
     char month[24];
@@ -212,17 +230,12 @@ std::string VEL_Log::get_log_dir() try {
 
 char* VEL_Log::make_log_header(const SYSTEMTIME& time, char* buffer, uint32_t kind, uint32_t level, const char* file,
                                int line) {
-    constexpr size_t room = vel::text_room + 1;
-    size_t length =
-        vel::written(std::snprintf(buffer, room, "[%04d-%02d-%02d %02d:%02d:%02d]%s", time.wYear, time.wMonth,
-                                   time.wDay, time.wHour, time.wMinute, time.wSecond, vel::tag(kind)),
-                     room);
-    if (level == 1) {
-        const int location =
-            std::snprintf(buffer + length, room - length, "[%s][%d line]", vel::source_name(file), line);
-        length += vel::written(location, room - length);
-    }
-    return buffer + length;
+    char* end = vel::put_text(vel::put_time(buffer, time), vel::tag(kind));
+    *end = '\0';
+    if (level != 1) return end;
+    const auto room = static_cast<size_t>(buffer + vel::text_room + 1 - end);
+    const int length = std::snprintf(end, room, "[%s][%d line]", vel::source_name(file), line);
+    return end + std::min(static_cast<size_t>(std::max(length, 0)), room - 1);
 }
 
 void VEL_Log::log_file(const SYSTEMTIME& time, const char* line) {

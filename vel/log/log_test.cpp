@@ -16,6 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::EndsWith;
+using testing::StartsWith;
 using vel::testing::TemporaryDirectory;
 
 constexpr SYSTEMTIME last_second{2026, 11, 1, 30, 23, 59, 59, 999};
@@ -75,8 +76,10 @@ TEST_F(Log, HeaderTellsTimeSeverityAndAtLevelOneThePlace) {
         {0, 1, "src/net/a.cpp", "[INFO][src/net/a.cpp][120 line]"},
         {0, 1, "src\\", "[INFO][][120 line]"},
     };
+    char buffer[100];
+    *log_.make_log_header({7, 1, 0, 2, 3, 4, 5, 6}, buffer, 0, 0, "", 0) = '|';
+    EXPECT_THAT(buffer, StartsWith("[0007-01-02 03:04:05][INFO]|"));
     for (const auto& row : rows) {
-        char buffer[100];
         char* end = log_.make_log_header(last_second, buffer, row.kind, row.level, row.file, 120);
         EXPECT_EQ(std::string(&buffer[0], end), std::string("[2026-11-30 23:59:59]") + row.rest);
     }
