@@ -40,8 +40,9 @@ uint32_t dispatch_message(HWND window, const WindowMessage& message, int64_t& re
 uint32_t window_descriptor(HWND window, int& descriptor);
 
 /// Posts each notice (wait_set.h) of `notices` once as `message`, wparam the socket, lparam the notice with its error
-/// in the upper half of 32 bits; instead of a former binding of the socket. 0 ends it; so does closing the socket or
-/// the window. Errors: 10038, 1400, 8, 1450.
+/// in the upper half of 32 bits; instead of a former binding of the socket, to whatever it was. The socket becomes
+/// non-blocking. A notice that finds the queue full is posted when there is room. 0 ends a binding to a window; so does
+/// closing the socket or the window. Errors: 10038, 1400, 4, 8, 1450.
 uint32_t bind_window(uint64_t socket, HWND window, uint32_t message, uint32_t notices);
 
 } // namespace vel::os

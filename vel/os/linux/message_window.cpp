@@ -6,10 +6,12 @@
 #include <new>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <utility>
 #include <vector>
 #include <vel/os/error_codes.h>
 #include <vel/os/linux/deadline.h>
 #include <vel/os/linux/error.h>
+#include <vel/os/linux/window_notifier.h>
 
 namespace vel::os {
 namespace {
@@ -95,15 +97,35 @@ WindowObject::WindowObject(WindowProcedure window_procedure, void* window_contex
 
 bool WindowObject::is_callers() const { return owner_ == &windows_of_caller; }
 
-void WindowObject::detach() {
+bool WindowObject::is_gone() {
     const std::lock_guard guard(lock_);
-    gone_ = true;
-    if (messages_.empty()) ::eventfd_write(descriptor(), 1);
-    messages_.clear();
+    return gone_;
+}
+
+void WindowObject::detach() {
+    {
+        const std::lock_guard guard(lock_);
+        gone_ = true;
+        if (messages_.empty()) ::eventfd_write(descriptor(), 1);
+        messages_.clear();
+    }
+    WindowNotifier::instance().end_window(*this);
 }
 
 uint32_t WindowObject::post(const WindowMessage& message) {
     const std::lock_guard guard(lock_);
+    return append(message);
+}
+
+bool WindowObject::post_notice(const WindowMessage& message) {
+    const std::lock_guard guard(lock_);
+    const uint32_t code = append(message);
+    if (code == error::none || code == error::invalid_window) return true;
+    notices_wait_ = true;
+    return false;
+}
+
+uint32_t WindowObject::append(const WindowMessage& message) {
     if (gone_) return error::invalid_window;
     if (messages_.size() == window_queue_capacity) return error::not_enough_quota;
     try {
@@ -124,7 +146,15 @@ uint32_t WindowObject::peek(WindowMessage& message) {
 }
 
 uint32_t WindowObject::take(WindowMessage& message) {
-    const std::lock_guard guard(lock_);
+    std::unique_lock guard(lock_);
+    const uint32_t code = remove_oldest(message);
+    const bool notices_wait = code == error::none && std::exchange(notices_wait_, false);
+    guard.unlock(); // the notifier's lock comes before
+    if (notices_wait) WindowNotifier::instance().post_waiting(*this);
+    return code;
+}
+
+uint32_t WindowObject::remove_oldest(WindowMessage& message) {
     if (gone_) return error::invalid_window;
     if (messages_.empty()) return error::wait_timeout;
     message = messages_.front();

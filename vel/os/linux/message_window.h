@@ -16,26 +16,34 @@ class WindowObject final : public HandleObject {
 public:
     WindowObject(WindowProcedure window_procedure, void* window_context);
 
-    /// Drops what is queued and ends a wait.
+    /// Drops what is queued, ends a wait and the bindings of sockets.
     void detach() override;
 
     /// Errors: 1400, 1816, 8.
     uint32_t post(const WindowMessage& message);
+
+    /// `post` for the notifier: false when there is no room, and then the notifier is told when there is.
+    bool post_notice(const WindowMessage& message);
 
     /// Takes the oldest message, or copies it. Errors: 258 when there is none, 1400.
     uint32_t take(WindowMessage& message);
     uint32_t peek(WindowMessage& message);
 
     bool is_callers() const;
+    bool is_gone();
 
     const WindowProcedure procedure;
     void* const context;
 
 private:
+    uint32_t append(const WindowMessage& message);
+    uint32_t remove_oldest(WindowMessage& message);
+
     const void* const owner_; // the creating thread's list of windows
     std::mutex lock_;         // guards what follows
     std::deque<WindowMessage> messages_;
     bool gone_ = false;
+    bool notices_wait_ = false; // for room, at the notifier
 };
 
 inline void* to_handle(HWND window) { return reinterpret_cast<void*>(window); }
