@@ -1,4 +1,4 @@
-// Contract of pages and of named memory.
+// Contract of named memory.
 #include <vel/os/memory.h>
 
 #include <algorithm>
@@ -70,20 +70,6 @@ TYPED_TEST(Mapping, IsSharedByItsOpenersAndVanishesWithTheLastHoweverThatOneEnde
         child.talk().tell();
         ASSERT_EQ(child.wait(), 0); // or it was killed
     }
-}
-
-TEST(Pages, AreZeroedRoundedAndKnownByTheirAddress) {
-    void* pages = nullptr;
-    uint64_t size = 0;
-    ASSERT_EQ(allocate_pages(page_size() + 1, pages), error::none);
-    EXPECT_EQ(pages_size(pages, size), error::none);
-    EXPECT_EQ(size, 2 * page_size());
-    char* text = static_cast<char*>(pages);
-    EXPECT_TRUE(zeroed(text, size));
-    EXPECT_EQ(free_pages(text + 1), error::invalid_parameter);
-    EXPECT_EQ(free_pages(pages), error::none);
-    EXPECT_EQ(free_pages(pages), error::invalid_parameter);
-    EXPECT_EQ(allocate_pages(UINT64_MAX, pages), error::not_enough_memory);
 }
 
 } // namespace

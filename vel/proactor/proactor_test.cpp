@@ -84,6 +84,10 @@ TEST_F(Proactor, MessagesArriveAndNegativeResultsEndTheRegistration) {
     EXPECT_EQ(first->last_key, 1u);
     EXPECT_EQ(first->last_handle, first->handle);
     expect_failure(error::not_found, proactor->remove_handle(1, true));
+    const VEL_Message_Block unread(new VEL_Serializable, true);
+    ASSERT_EQ(proactor->sendMessage(2, unread), 0);
+    EXPECT_EQ(unread.wait(20000), -1);
+    EXPECT_EQ(unread.error_code(), error::not_implemented) << "the default of every handler";
 }
 
 TEST_F(Proactor, DroppedMessagesAreAnswered) {
@@ -111,8 +115,8 @@ TEST_F(Proactor, DroppedMessagesAreAnswered) {
 }
 
 TEST_F(Proactor, BlockedHandlersDelayNobodyWhileAThreadIsIdle) {
-    Tally done;
     std::atomic<std::thread::id> taker;
+    Tally done;
     first->on_signal = hold;
     second->on_signal = [&](VEL_Async_Post_Operation*&) {
         taker = std::this_thread::get_id();
@@ -121,10 +125,10 @@ TEST_F(Proactor, BlockedHandlersDelayNobodyWhileAThreadIsIdle) {
     };
     register_both();
     EXPECT_EQ(proactor->handle_event(20), 0);
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(send(1), 0);
-    for (int i = 0; i < 100; ++i) ASSERT_EQ(send(2), 0);
-    EXPECT_TRUE(done.reaches(100)) << "three of four workers are held up";
-    ASSERT_EQ(send(1), 0);
+    for (uint32_t key : {1, 1, 1, 2, 1}) {
+        ASSERT_EQ(send(key), 0);
+        EXPECT_TRUE(key == 1 || done.reaches(1)) << "three of four workers are held up";
+    }
     ASSERT_TRUE(inside.reaches(4));
     ASSERT_EQ(send(2), 0);
     EXPECT_EQ(proactor->handle_event(20000), 1);

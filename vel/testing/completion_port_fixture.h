@@ -39,7 +39,6 @@ struct SystemPort {
     static constexpr auto wait = wait_completion;
     static constexpr auto receive = start_receive;
     static constexpr auto send = start_send;
-    static constexpr auto receive_from = start_receive_from;
     static constexpr auto send_to = start_send_to;
     static constexpr auto accept = start_accept;
     static constexpr auto connect = start_connect;

@@ -55,7 +55,9 @@ public:
     int handle_connect(VEL_Async_Connect_Operation* op, uint32_t error) override { return call(on_connect, op, error); }
     int handle_input(VEL_Async_Read_Operation* op, uint32_t error) override { return call(on_input, op, error); }
     int handle_output(VEL_Async_Write_Operation* op, uint32_t error) override { return call(on_output, op, error); }
-    int handle_signal(VEL_Async_Post_Operation* op) override { return call(on_signal, op); }
+    int handle_signal(VEL_Async_Post_Operation* op) override {
+        return on_signal ? call(on_signal, op) : Base::handle_signal(op);
+    }
     int handle_timeout(int32_t, uint32_t& interval_ms, VEL_Proactor*) override {
         return on_timeout ? on_timeout(interval_ms) : 0;
     }
