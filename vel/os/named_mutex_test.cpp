@@ -91,17 +91,17 @@ TYPED_TEST(NamedMutex, AKilledProcessHandsItOnWithin100Ms) {
         ASSERT_TRUE(owner.talk().hear());
         Mutex mutex(name.c_str());
         ASSERT_EQ(mutex.acquire(1), error::wait_timeout);
-        uint64_t killed_at = 0;
+        uint64_t gone_at = 0; // from here on: a busy machine may take its time to end a process
         std::thread killer([&] {
-            killed_at = tick_ms64();
             owner.kill();
+            gone_at = tick_ms64();
         });
         const uint32_t code = mutex.acquire(round % 2 ? VEL_INFINITE : long_ms);
         const uint64_t owned_at = tick_ms64();
         killer.join();
         ASSERT_EQ(code, error::none);
         EXPECT_TRUE(mutex.abandoned);
-        EXPECT_LE(owned_at - killed_at, 100u);
+        EXPECT_LE(owned_at, gone_at + 100);
         mutex.release();
     }
 }
