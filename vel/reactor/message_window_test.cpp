@@ -5,6 +5,7 @@
 #include <vector>
 #include <vel/os/error_codes.h>
 #include <vel/os/linux/testing/readable.h>
+#include <vel/reactor/socket.h>
 #include <vel/testing/expect_failure.h>
 
 namespace {
@@ -48,6 +49,29 @@ TEST(MessageWindow, APollLoopHandlesWhatAnotherThreadPosts) {
     expect_failure(error::invalid_window, VELLib::dispatch_message(window, message));
     expect_failure(error::invalid_window, VELLib::get_window_descriptor(window));
     expect_failure(error::invalid_window, VELLib::destroy_window(nullptr));
+}
+
+TEST(MessageWindow, SocketsPostTheirEventsWithTheirErrors) {
+    HWND window = VELLib::create_window(nullptr, nullptr);
+    VEL_Socket nobody(2, 1, 0), client(2, 1, 0);
+    VEL_INET_Addr address;
+    ASSERT_EQ(nobody.bind(0, "127.0.0.1"), 0);
+    ASSERT_EQ(nobody.getlocaladdr(address), 0);
+    ASSERT_EQ(client.window_async_select(window, 7, 16 | 32), 0);
+    expect_failure(error::would_block, client.connect(address)); // the socket has become non-blocking
+    VEL_Window_Message message{};
+    ASSERT_EQ(VELLib::get_message(window, message, patience_ms), 0);
+    EXPECT_EQ(message.message, 7u);
+    EXPECT_EQ(message.wparam, client.get_socket());
+    uint32_t code = 0;
+    EXPECT_EQ(VEL_Socket::enum_window_event(message.lparam, code), 16);
+    EXPECT_EQ(code, error::connection_refused);
+
+    EXPECT_EQ(client.window_async_select(window, 7, 0), 0);
+    VELLib::destroy_window(window);
+    expect_failure(error::invalid_window, client.window_async_select(window, 7, 1));
+    client.close();
+    expect_failure(error::not_a_socket, client.window_async_select(window, 7, 1));
 }
 
 } // namespace

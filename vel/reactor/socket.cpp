@@ -4,6 +4,7 @@
 #include <vel/frame/error.h>
 #include <vel/frame/exception.h>
 #include <vel/os/error_codes.h>
+#include <vel/os/message_window.h>
 #include <vel/platform/report.h>
 #include <vel/reactor/reactor.h>
 
@@ -171,8 +172,9 @@ int VEL_Socket::remove_event_select(VEL_Reactor* reactor, VEL_Event_Handler* han
                    : vel::report(vel::error::null_member);
 }
 
-int VEL_Socket::window_async_select(HWND, uint32_t, int32_t) {
-    return vel::report(is_open() ? vel::error::not_implemented : vel::error::not_a_socket);
+int VEL_Socket::window_async_select(HWND window, uint32_t message, int32_t events) {
+    if (!is_open()) return closed_socket();
+    return vel::report(vel::os::bind_window(socket_, window, message, static_cast<uint32_t>(events)));
 }
 
 int32_t VEL_Socket::enum_window_event(int64_t lparam, uint32_t& error) {

@@ -86,7 +86,10 @@ public:
     int remove_event_select(VEL_Reactor* reactor, VEL_Event_Handler* handler, uint32_t mask);
 
     /// Asks for `message` to be posted to `window` on the socket events of `events` (1 read, 2 write, 8 accept,
-    /// 16 connect, 32 close); 0 ends it. Not there yet: -1 with 0x20000003.
+    /// 16 connect, 32 close); 0 ends it, as do `close` and the window's end. The first parameter of the message is the
+    /// socket, the second goes to `enum_window_event`. Each event is posted once, until what it calls for was done:
+    /// read and accept until the next receive or accept, write until a send met 10035. The socket becomes non-blocking.
+    /// Errors: 1400 for a dead window.
     int window_async_select(HWND window, uint32_t message, int32_t events);
 
     /// Splits a posted notice: returns the event and stores its error.
