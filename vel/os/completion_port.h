@@ -37,11 +37,34 @@ uint32_t associate(void* port, void* handle, uint32_t key);
 
 /// Queues a completion without any I/O. Errors: 6, 8, 735.
 uint32_t post_completion(void* port, OVERLAPPED* record, uint64_t bytes, uint32_t key);
-uint32_t post_completion(void* port, IoRequest& request, uint64_t bytes, uint32_t key);
 
 /// Takes the next completion: 0, 258 on time-out, 735 when the port was closed meanwhile, 6.
 /// @param timeout_ms  0 takes only what is there, VEL_INFINITE waits for ever
 uint32_t wait_completion(void* port, uint32_t timeout_ms, Completion& completion);
+
+class PortObject;
+
+/// A port in the hands of somebody who uses it often: spares the look-up of the handle at each call.
+///
+/// The port is closed through its handle as ever. From then on the calls give 735, and what is behind the port goes
+/// when the last holder does.
+class HeldPort {
+public:
+    /// Holds nothing when the handle is no open port; the calls give 6 then.
+    explicit HeldPort(void* port);
+    ~HeldPort();
+    HeldPort(const HeldPort&) = delete;
+    HeldPort& operator=(const HeldPort&) = delete;
+
+    /// As `post_completion`, for a request that has the port's own room: needs no memory.
+    uint32_t post(IoRequest& request, uint64_t bytes, uint32_t key) const;
+
+    /// As `wait_completion`.
+    uint32_t wait(uint32_t timeout_ms, Completion& completion) const;
+
+private:
+    PortObject* const object_;
+};
 
 /// Starts a transfer; 0 when started (also when it has finished already: the completion arrives all the same).
 /// A read completes with at least 1 byte, or 0 bytes and no error at end of stream; a send when every byte is out.

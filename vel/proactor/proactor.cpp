@@ -89,6 +89,7 @@ void VEL_Proactor::start(uint32_t thread_count) {
     void* port = nullptr;
     if (uint32_t code = os::create_port(thread_count, port)) VEL_Exception::ThrowException(code);
     port_ = port;
+    held_port_ = std::make_unique<os::HeldPort>(port);
     VEL_thread_t timer_thread;
     if (threads_.spawn(thr_iocp_timer, this, timer_thread, 0, 0, 0, nullptr) < 0 ||
         threads_.spawn(thr_iocp_competion, this, thread_count, nullptr, 0, 0, 0, nullptr) < 0)
@@ -143,6 +144,7 @@ void VEL_Proactor::destroy_parts() {
     handle_table_.reset();
     void* port = port_.exchange(nullptr);
     if (port != nullptr) os::close_port(port);
+    held_port_.reset();
     worker_count_ = 0;
 }
 

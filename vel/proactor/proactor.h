@@ -20,7 +20,10 @@ class VEL_Message_Block;
 
 namespace vel {
 class AsyncSocket;
-}
+namespace os {
+class HeldPort;
+} // namespace os
+} // namespace vel
 
 /// What is registered under a completion key.
 struct VEL_Handle_Set {
@@ -138,6 +141,8 @@ private:
     int start_send(uint32_t key, const VEL_Byte_Block& data, size_t length, Prepare prepare);
 
     static void discard(VEL_Async_Operation* op);
+    template <class Wait>
+    int handle_next(uint32_t timeout_ms, Wait wait);
     int stop_handling(VEL_Async_Operation* op);
     int dispatch_io(VEL_Async_Operation* op, uint64_t bytes, uint32_t error);
 
@@ -149,9 +154,10 @@ private:
     bool acquire_timer();
     void release_timer();
 
-    std::atomic<void*> port_{nullptr}; // null while not open
-    vel::TimerAlarm timer_alarm_;      // wakes who waits for timers
-    VEL_Thread_Mutex lock_;            // guards the table, the timer queue, and changes of the flags
+    std::atomic<void*> port_{nullptr};             // null while not open
+    std::unique_ptr<vel::os::HeldPort> held_port_; // the same for own threads and for calls under the lock
+    vel::TimerAlarm timer_alarm_;                  // wakes who waits for timers
+    VEL_Thread_Mutex lock_;                        // guards the table, the timer queue, and changes of the flags
     VEL_Thread_Manager threads_;
     std::unique_ptr<TimerQueue> timer_queue_ VEL_GUARDED_BY(lock_);   // null while not open
     std::unique_ptr<HandleTable> handle_table_ VEL_GUARDED_BY(lock_); // null while not open

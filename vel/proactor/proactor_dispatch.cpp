@@ -32,7 +32,10 @@ VEL_Async_Operation* operation_of(OVERLAPPED* record) {
 } // namespace
 
 int VEL_Proactor::thr_iocp_competion(void* proactor) {
-    while (static_cast<VEL_Proactor*>(proactor)->handle_event(VEL_INFINITE) >= 0) {
+    auto* self = static_cast<VEL_Proactor*>(proactor);
+    const os::HeldPort& port = *self->held_port_; // outlives the proactor's own threads
+    auto wait = [&](uint32_t timeout_ms, os::Completion& completion) { return port.wait(timeout_ms, completion); };
+    while (self->handle_next(VEL_INFINITE, wait) >= 0) {
     }
     return 0;
 }
@@ -40,10 +43,18 @@ int VEL_Proactor::thr_iocp_competion(void* proactor) {
 int VEL_Proactor::handle_event(uint32_t timeout_ms) {
     void* port = port_;
     if (port == nullptr) return vel::fail(error::null_member);
+    return handle_next(timeout_ms, [port](uint32_t left_ms, os::Completion& completion) {
+        return os::wait_completion(port, left_ms, completion);
+    });
+}
+
+/// Dispatches what `wait` brings: one completion.
+template <class Wait>
+int VEL_Proactor::handle_next(uint32_t timeout_ms, Wait wait) {
     if (closing_) return vel::fail(error::object_closed);
     for (;;) {
         os::Completion completion;
-        const uint32_t code = os::wait_completion(port, timeout_ms, completion);
+        const uint32_t code = wait(timeout_ms, completion);
         VEL_Async_Operation* op = code == error::none ? operation_of(completion.record) : nullptr;
         if (closing_) return stop_handling(op);
         if (code == error::wait_timeout) return 0;

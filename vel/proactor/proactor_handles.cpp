@@ -102,17 +102,18 @@ int VEL_Proactor::shutdown(uint32_t key, int how) {
 int VEL_Proactor::sendMessage(uint32_t key, const VEL_Message_Block& message) {
     if (port_ == nullptr) return vel::fail(error::null_member);
     if (message.is_null()) return vel::fail(error::invalid_parameter);
+    // Made before the lock is taken and, on failure, deleted after it is free: many may be sending.
+    std::unique_ptr<VEL_Async_Post_Operation> op(new (std::nothrow)
+                                                     VEL_Async_Post_Operation(this, key, nullptr, message));
     VEL_Guard guard(lock_);
     const VEL_Handle_Set* set = find(key);
     if (set == nullptr) return -1;
-    auto* op = new (std::nothrow) VEL_Async_Post_Operation(this, key, set->handler, message);
     if (op == nullptr) return vel::fail(error::not_enough_memory);
+    op->set(this, key, VEL_INVALID_HANDLE, set->handler);
     // Under the lock, so that close() finds everything that was posted before it set the flag.
-    const uint32_t code = os::post_completion(port_, *op, 0, key);
-    if (code == error::none) return 0;
-    guard.unlock();
-    delete op;
-    return vel::fail(code);
+    if (const uint32_t code = held_port_->post(*op, 0, key)) return vel::fail(code);
+    op.release(); // the port's now
+    return 0;
 }
 
 /// Starts a send to the handle of a key. The lock is not held during the start; a share of the handle keeps its number

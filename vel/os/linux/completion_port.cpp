@@ -164,13 +164,6 @@ uint32_t associate(void* port, void* handle, uint32_t key) {
     return object->associate(*target, HandleTable::kind(handle), key);
 }
 
-uint32_t post_completion(void* port, IoRequest& request, uint64_t bytes, uint32_t key) {
-    const PinnedPort object(port, HandleKind::port);
-    if (!object) return error::invalid_handle;
-    request.kind = 0;
-    return object->post(request, bytes, key);
-}
-
 uint32_t post_completion(void* port, OVERLAPPED* record, uint64_t bytes, uint32_t key) {
     const PinnedPort object(port, HandleKind::port);
     if (!object) return error::invalid_handle;
@@ -186,6 +179,22 @@ uint32_t post_completion(void* port, OVERLAPPED* record, uint64_t bytes, uint32_
 uint32_t wait_completion(void* port, uint32_t timeout_ms, Completion& completion) {
     const PinnedPort object(port, HandleKind::port);
     return object ? object->wait(timeout_ms, completion) : error::invalid_handle;
+}
+
+HeldPort::HeldPort(void* port) : object_(static_cast<PortObject*>(HandleTable::pin(port, HandleKind::port))) {}
+
+HeldPort::~HeldPort() {
+    if (object_) HandleTable::unpin(object_);
+}
+
+uint32_t HeldPort::post(IoRequest& request, uint64_t bytes, uint32_t key) const {
+    if (!object_) return error::invalid_handle;
+    request.kind = 0;
+    return object_->post(request, bytes, key);
+}
+
+uint32_t HeldPort::wait(uint32_t timeout_ms, Completion& completion) const {
+    return object_ ? object_->wait(timeout_ms, completion) : error::invalid_handle;
 }
 
 } // namespace vel::os

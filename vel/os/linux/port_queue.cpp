@@ -21,20 +21,6 @@ constexpr uint64_t slow_takes_per_period = 16;
 
 constexpr uint32_t quiet_periods_to_rest = 8;
 
-// The ports for which this thread counts as running: more than one when a handler waits at another port. One too many
-// is forgotten; its port then counts the thread until the watchdog finds out.
-struct RunningFor {
-    uint64_t port;
-    uint32_t epoch;
-};
-thread_local RunningFor running_for[4];
-
-RunningFor& running_for_port(uint64_t port) {
-    for (RunningFor& each : running_for)
-        if (each.port == port) return each;
-    return running_for[0];
-}
-
 uint64_t next_port_id() {
     static std::atomic<uint64_t> last{0};
     return last.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -46,6 +32,23 @@ uint32_t useful_threads(uint32_t concurrency) {
 
 } // namespace
 
+// A port for which the calling thread counts as running: more than one when a handler waits at another port. One too
+// many is forgotten; its port then counts the thread until the watchdog finds out.
+struct PortQueue::RunningFor {
+    uint64_t port; // 0 when free
+    uint32_t epoch;
+};
+
+// The thread's note for the port, or one to write it down in.
+PortQueue::RunningFor& PortQueue::note_of_thread(uint64_t port) {
+    thread_local RunningFor notes[4];
+    for (RunningFor& each : notes)
+        if (each.port == port) return each;
+    for (RunningFor& each : notes)
+        if (each.port == 0) return each;
+    return notes[0];
+}
+
 PortQueue::PortQueue(PortEvents& events, uint32_t concurrency)
     : events_(events),
       watchdog_(*this),
@@ -53,14 +56,13 @@ PortQueue::PortQueue(PortEvents& events, uint32_t concurrency)
       useful_(useful_threads(concurrency)) {}
 
 uint32_t PortQueue::push(IoRequest& request) {
+    if (!inbox_.push(request)) return error::port_closed;
+    if (!sleepers_seen()) return error::none; // whoever is awake looks into the inbox before it sleeps
     Wake wake;
-    request.next = nullptr;
     {
         const Guard guard(lock_);
-        if (closed_) return error::port_closed;
-        (tail_ ? tail_->next : head_) = &request;
-        tail_ = &request;
-        ++ready_;
+        if (closed_) return error::none;
+        collect();
         wake = wake_if_needed();
     }
     carry_out(wake);
@@ -69,14 +71,16 @@ uint32_t PortQueue::push(IoRequest& request) {
 
 uint32_t PortQueue::take(uint32_t timeout_ms, IoRequest*& request) {
     const Deadline deadline(timeout_ms);
+    RunningFor& mine = note_of_thread(id_);
     bool polled = false;
     Guard guard(lock_);
-    come_back();
+    come_back(mine);
     while (!closed_) {
+        if (ready_ == 0) collect();
         const bool may_lead = !leader_ && events_enabled_;
         if (ready_ > 0 && (!may_lead || taken_since_poll_ < takes_per_poll)) {
             request = pop();
-            const Wake wake = go_out();
+            const Wake wake = go_out(mine);
             guard.unlock();
             carry_out(wake);
             return error::none;
@@ -112,6 +116,7 @@ IoRequest* PortQueue::close() {
     {
         const Guard guard(lock_);
         closed_ = true;
+        append(inbox_.close());
         untaken = std::exchange(head_, nullptr);
         tail_ = nullptr;
         ready_ = 0;
@@ -127,22 +132,38 @@ IoRequest* PortQueue::close() {
     return untaken;
 }
 
+// Read without the lock, behind a push.
+bool PortQueue::sleepers_seen() const {
+    return leader_sleeping_.load(std::memory_order_seq_cst) || has_followers_.load(std::memory_order_seq_cst);
+}
+
 // Threads that will look at the queue before they sleep.
 uint32_t PortQueue::awake() const { return running_ + waking_ + (leader_ && !leader_sleeps() ? 1 : 0); }
 
-void PortQueue::come_back() {
-    RunningFor& mine = running_for_port(id_);
+void PortQueue::come_back(RunningFor& mine) {
     if (mine.port != id_) return;
     mine.port = 0;
     if (mine.epoch == epoch_) --running_;
 }
 
-PortQueue::Wake PortQueue::go_out() {
-    running_for_port(0) = {id_, epoch_};
+PortQueue::Wake PortQueue::go_out(RunningFor& mine) {
+    mine = {id_, epoch_};
     ++running_;
     ++taken_;
     ++taken_since_poll_;
     return wake_if_needed();
+}
+
+void PortQueue::collect() {
+    if (!inbox_.empty()) append(inbox_.take_all());
+}
+
+void PortQueue::append(IoRequest* chain) {
+    for (; chain; chain = chain->next) {
+        (tail_ ? tail_->next : head_) = chain;
+        tail_ = chain;
+        ++ready_;
+    }
 }
 
 IoRequest* PortQueue::pop() {
@@ -156,23 +177,26 @@ IoRequest* PortQueue::pop() {
 void PortQueue::lead(Guard& guard, const Deadline& deadline) {
     constexpr timespec at_once{0, 0};
     timespec storage;
-    const timespec* timeout = ready_ > 0 ? &at_once : deadline.remaining(storage);
     leader_ = true;
     taken_since_poll_ = 0;
-    leader_sleeping_.store(timeout != &at_once, std::memory_order_relaxed);
+    if (ready_ == 0) {
+        leader_sleeping_.store(true, std::memory_order_seq_cst);
+        collect();
+        if (ready_ > 0) leader_sleeping_.store(false, std::memory_order_relaxed);
+    }
+    const timespec* timeout = ready_ > 0 ? &at_once : deadline.remaining(storage);
     guard.unlock();
     events_.poll(timeout, leader_sleeping_);
     guard.lock();
     leader_ = false;
     interrupted_ = false;
-    leader_sleeping_.store(false, std::memory_order_relaxed);
 }
 
 void PortQueue::follow(Guard& guard, const Deadline& deadline) {
     Follower self;
-    self.next = followers_;
-    if (followers_) followers_->previous = &self;
-    followers_ = &self;
+    link(self);
+    collect();
+    if (ready_ > 0) return unlink(self);
     guard.unlock();
     timespec storage;
     while (!self.woken.load(std::memory_order_acquire) && !deadline.expired())
@@ -184,9 +208,17 @@ void PortQueue::follow(Guard& guard, const Deadline& deadline) {
         --waking_;
 }
 
+void PortQueue::link(Follower& follower) {
+    follower.next = followers_;
+    if (followers_) followers_->previous = &follower;
+    followers_ = &follower;
+    has_followers_.store(true, std::memory_order_seq_cst);
+}
+
 void PortQueue::unlink(Follower& follower) {
     (follower.previous ? follower.previous->next : followers_) = follower.next;
     if (follower.next) follower.next->previous = follower.previous;
+    if (!followers_) has_followers_.store(false, std::memory_order_relaxed);
 }
 
 // Called after every change that may leave work with nobody to do it.
@@ -210,6 +242,7 @@ PortQueue::Wake PortQueue::wake_one() {
         wake.follower = &follower.woken;
         follower.woken.store(1, std::memory_order_release);
     } else if (leader_sleeps()) {
+        leader_sleeping_.store(false, std::memory_order_relaxed);
         interrupted_ = true;
         wake.leader = true;
     }

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <vel/os/linux/deadline.h>
 #include <vel/os/linux/port_events.h>
+#include <vel/os/linux/port_inbox.h>
 #include <vel/os/linux/port_watchdog.h>
 #include <vel/os/linux/short_lock.h>
 #include <vel/types.h>
@@ -14,8 +15,12 @@ namespace vel::os {
 
 /// Finished requests in the order in which they finished, and the workers that take them.
 ///
+/// A request goes to the inbox first, without the lock; whoever finds nothing ready moves the inbox over.
 /// A worker that comes for a request takes the first ready one. When there is none it leads (waits for readiness and
 /// performs the transfers itself) unless another one does, and follows (sleeps) otherwise.
+///
+/// Who goes to sleep says so before it looks into the inbox for the last time, and who fills the inbox looks for
+/// sleepers afterwards: so one of the two sees the other, and a request never waits in the inbox while all sleep.
 ///
 /// Invariants, all under the lock:
 ///  - a thread is running from the request it took until it comes for the next one; `running_` counts those the
@@ -60,14 +65,20 @@ private:
 
     bool work_waits() const { return ready_ > 0 || (!leader_ && events_enabled_); }
     bool somebody_sleeps() const { return followers_ || leader_sleeps(); }
-    bool leader_sleeps() const { return leader_sleeping_.load(std::memory_order_relaxed) && !interrupted_; }
+    bool leader_sleeps() const { return leader_sleeping_.load(std::memory_order_relaxed); }
+    bool sleepers_seen() const;
     uint32_t awake() const;
 
-    void come_back();
-    Wake go_out();
+    struct RunningFor;
+    static RunningFor& note_of_thread(uint64_t port);
+    void come_back(RunningFor& mine);
+    Wake go_out(RunningFor& mine);
+    void collect();
+    void append(IoRequest* chain);
     IoRequest* pop();
     void lead(Guard& guard, const Deadline& deadline);
     void follow(Guard& guard, const Deadline& deadline);
+    void link(Follower& follower);
     void unlink(Follower& follower);
     Wake wake_if_needed();
     Wake wake_one();
@@ -79,9 +90,12 @@ private:
     PortWatchdog watchdog_;
     const uint64_t id_;     // tells ports apart in the threads' own notes
     const uint32_t useful_; // threads that the processors and the port's owner have use for
-    std::atomic<bool> leader_sleeping_{false};
 
-    ShortLock lock_;
+    // Three cache lines: what every push reads, what every push writes, and what is the workers' own.
+    alignas(64) std::atomic<bool> leader_sleeping_{false};
+    std::atomic<bool> has_followers_{false}; // mirrors `followers_`
+    alignas(64) PortInbox inbox_;
+    alignas(64) ShortLock lock_;
     IoRequest* head_ = nullptr;
     IoRequest* tail_ = nullptr;
     uint32_t ready_ = 0;
