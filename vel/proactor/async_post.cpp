@@ -2,6 +2,29 @@
 #include <vel/proactor/async_post.h>
 
 #include <vel/proactor/async_handler.h>
+#include <vel/proactor/record_pool.h>
+
+namespace {
+
+constinit vel::RecordPool pool; // of records of this very class, not of derived ones
+
+void* take(size_t size) { return size == sizeof(VEL_Async_Post_Operation) ? pool.take() : nullptr; }
+
+} // namespace
+
+void* VEL_Async_Post_Operation::operator new(size_t size) {
+    void* memory = take(size);
+    return memory != nullptr ? memory : ::operator new(size);
+}
+
+void* VEL_Async_Post_Operation::operator new(size_t size, const std::nothrow_t&) noexcept {
+    void* memory = take(size);
+    return memory != nullptr ? memory : ::operator new(size, std::nothrow);
+}
+
+void VEL_Async_Post_Operation::operator delete(void* memory, size_t size) {
+    if (size != sizeof(VEL_Async_Post_Operation) || !pool.give_back(memory)) ::operator delete(memory);
+}
 
 VEL_Async_Post_Operation::VEL_Async_Post_Operation() : VEL_Async_Operation(5) {}
 
