@@ -166,7 +166,7 @@ VEL_Log::VEL_Log(const VEL_Log& other) : VEL_Log(other.get_level()) {
 
 VEL_Log& VEL_Log::operator=(const VEL_Log& other) {
     VEL_Log copy(other);
-    const VEL_Guard guard(mutex_);
+    const VEL_Guard guard(mutex_), copy_guard(copy.mutex_);
     set_level(copy.get_level());
     std::swap(dir_, copy.dir_);
     std::swap(file_, copy.file_);
