@@ -1,9 +1,9 @@
 // Contract of named memory.
 #include <vel/os/memory.h>
 
-#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <string>
 #include <vel/os/error_codes.h>
 #include <vel/os/handle.h>
 #include <vel/os/linux/testing/child_process.h>
@@ -15,10 +15,6 @@ namespace {
 using testing::ChildProcess;
 using testing::ObjectName;
 using testing::Talk;
-
-bool zeroed(const char* text, uint64_t size) {
-    return std::all_of(text, text + size, [](char c) { return c == 0; });
-}
 
 // The system's own named memory. Another back end is a struct with the same name.
 struct SystemMemory {
@@ -51,7 +47,8 @@ TYPED_TEST(Mapping, IsSharedByItsOpenersAndVanishesWithTheLastHoweverThatOneEnde
     for (int round = 0; round < 20; ++round) {
         ChildProcess child([&](Talk& parent) {
             Block block(name, 2 * page - 1);
-            if (block.size != 2 * page || !zeroed(block.text, block.size)) return 1;
+            if (block.size != 2 * page || std::string(block.text, block.size) != std::string(block.size, '\0'))
+                return 1;
             std::strcpy(block.text + page, "from the child");
             parent.tell();
             return parent.hear() ? std::strcmp(block.text, "from the parent") : 2;

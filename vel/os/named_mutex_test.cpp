@@ -42,11 +42,6 @@ template <class>
 class NamedMutex : public ::testing::Test {};
 TYPED_TEST_SUITE(NamedMutex, ::testing::Types<SystemMutexes>);
 
-template <class Body>
-void in_other_thread(Body body) {
-    std::thread(body).join();
-}
-
 TYPED_TEST(NamedMutex, IsRecursiveExcludesOtherThreadsAndGoesOnFromADeadOne) {
     using Mutex = OpenMutex<TypeParam>;
     const ObjectName name;
@@ -56,20 +51,20 @@ TYPED_TEST(NamedMutex, IsRecursiveExcludesOtherThreadsAndGoesOnFromADeadOne) {
         Mutex& other = text ? second : mutex;
         EXPECT_EQ(mutex.acquire(VEL_INFINITE), error::none);
         EXPECT_EQ(other.acquire(0), error::none);
-        in_other_thread([&] {
+        std::thread([&] {
             const uint64_t before = tick_ms64();
             EXPECT_EQ(other.acquire(short_ms), error::wait_timeout);
             EXPECT_GE(tick_ms64() - before, short_ms);
             EXPECT_EQ(other.release(), error::not_owner);
-        });
+        }).join();
         EXPECT_EQ(other.release(), error::none);
-        in_other_thread([&] { EXPECT_EQ(other.acquire(0), error::wait_timeout); });
+        std::thread([&] { EXPECT_EQ(other.acquire(0), error::wait_timeout); }).join();
         EXPECT_EQ(mutex.release(), error::none);
         EXPECT_EQ(mutex.release(), error::not_owner);
-        in_other_thread([&] {
+        std::thread([&] {
             EXPECT_EQ(other.acquire(0) + other.acquire(0), error::none);
             EXPECT_FALSE(other.abandoned);
-        });
+        }).join();
         EXPECT_EQ(mutex.acquire(long_ms), error::none);
         EXPECT_TRUE(mutex.abandoned);
         EXPECT_EQ(mutex.release(), error::none);
