@@ -128,6 +128,7 @@ void SocketNotices::settle(Mark mark, uint32_t notice, uint32_t code, bool empti
 void SocketNotices::send_failed(uint32_t code) {
     const Change change(*this);
     if (code == error::connection_reset || code == error::connection_aborted) close_error_ = code;
+    if (phase_ == Phase::connecting && code != error::would_block) return connect_failed(code); // the send has taken it
     if (code != error::would_block) return;
     note_use();
     withdraw(notice::write);
@@ -254,6 +255,10 @@ void SocketNotices::try_finish_connect() {
     uint32_t code = take_error();
     if (code == error::none && (look() & EPOLLRDHUP)) code = error::connection_aborted; // another call has taken it
     if (code == error::none) return;
+    connect_failed(code);
+}
+
+void SocketNotices::connect_failed(uint32_t code) {
     const bool was_connected = code == error::connection_reset; // a connect is never reset but refused
     if (was_connected) close_error_ = code;
     finish_connect(was_connected ? error::none : code);

@@ -94,6 +94,7 @@ private:
     void apply_connected(uint32_t events);
     void apply_ended(uint32_t events);
     void try_finish_connect();
+    void connect_failed(uint32_t code);
     void finish_connect(uint32_t code);
     void record(uint32_t notices);
     void withdraw(uint32_t notices);
