@@ -22,23 +22,17 @@
 #include <vel/proactor/proactor.h>
 #include <vel/testing/allocator_environment.h>
 #include <vel/testing/expect_failure.h>
+#include <vel/testing/reference.h>
 #include <vel/testing/tally.h>
 
 namespace vel::test {
 
 using testing::expect_failure;
+using testing::Ref;
 using testing::Tally;
 
 inline constexpr uint32_t loopback = 0x7F000001;
 inline std::atomic<int> live_handlers{0};
-
-struct Release {
-    void operator()(VEL_Async_Handler* handler) const { handler->release(); }
-};
-
-/// A reference to a handler, released at the end of the scope.
-template <class Handler>
-using Ref = std::unique_ptr<Handler, Release>;
 
 template <class Operation>
 using Hook = std::function<int(Operation*&, uint32_t)>;
