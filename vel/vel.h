@@ -48,10 +48,14 @@
 #include <vel/proactor/async_stream_io.h>
 #include <vel/proactor/proactor.h>
 #include <vel/proactor/timer_alarm.h>
+#include <vel/reactor/acceptor.h>
 #include <vel/reactor/event_handler.h>
 #include <vel/reactor/message_window.h>
 #include <vel/reactor/reactor.h>
+#include <vel/reactor/reactor_link.h>
+#include <vel/reactor/sock_stream.h>
 #include <vel/reactor/socket.h>
+#include <vel/reactor/stream_transfer.h>
 #include <vel/reactor/timer_queue.h>
 #include <vel/sync/file_mutex.h>
 #include <vel/sync/guard.h>

@@ -1,4 +1,4 @@
-// What a socket class keeps about its reactor: registration, time-out timer and read suspension (internal).
+// What a socket class keeps about its reactor: registration, time-out timer and read suspension; not for users.
 #pragma once
 
 #include <vel/reactor/socket.h>
