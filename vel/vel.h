@@ -57,6 +57,7 @@
 #include <vel/reactor/socket.h>
 #include <vel/reactor/stream_transfer.h>
 #include <vel/reactor/timer_queue.h>
+#include <vel/reactor/winsock_stream.h>
 #include <vel/sync/file_mutex.h>
 #include <vel/sync/guard.h>
 #include <vel/sync/mutex.h>
