@@ -120,11 +120,17 @@ private:
     void release_timer();
     uint32_t calc_timeout();
     int dispatch_timer();
+    uint32_t until_first_timer() const;
+    void timers_changed(bool sooner) VEL_REQUIRES(lock_);
 
     VEL_Thread_Mutex lock_;
     std::unique_ptr<TimerQueue> timers_ VEL_PT_GUARDED_BY(lock_);
     std::unique_ptr<vel::ReactorRepository> repository_ VEL_PT_GUARDED_BY(lock_);
     std::unique_ptr<vel::os::WaitSet> wait_set_;
-    bool timer_waits_ VEL_GUARDED_BY(lock_) = false; // a thread waits for the first timer's time
-    std::atomic<bool> deactivated_{false};           // set under the lock, for good
+    std::atomic<bool> deactivated_{false}; // set under the lock, for good
+
+    // A cycle without a due timer takes no lock for the timers: it goes by these.
+    std::atomic<uint64_t> first_due_ms_{UINT64_MAX}; // tick of the first timer; changes under the lock
+    std::atomic<bool> timer_role_{false};            // a thread in `handle_event` serves the timers
+    std::atomic<bool> timer_waits_{false};           // it goes by the first timer's tick, and must hear of a sooner one
 };

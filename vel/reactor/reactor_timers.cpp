@@ -1,6 +1,7 @@
 // The reactor's timers.
 #include <vel/reactor/reactor.h>
 
+#include <algorithm>
 #include <vel/os/clock.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/wait_set.h>
@@ -25,7 +26,7 @@ int32_t VEL_Reactor::schedule_timer(VEL_Event_Handler* handler, uint32_t interva
     const int32_t id = timers_->schedule(handler, interval_ms, os::tick_ms64(), sooner);
     if (id < 0) return -1;
     handler->addref();
-    if (sooner && timer_waits_) wakeup();
+    timers_changed(sooner);
     return id;
 }
 
@@ -34,6 +35,7 @@ int VEL_Reactor::cancel_timer(int32_t timer_id, bool no_close) {
     VEL_Guard guard(lock_);
     VEL_Event_Handler* handler = nullptr;
     if (!timers_->cancel(timer_id, handler)) return -1;
+    timers_changed(false);
     guard.unlock();
     if (!no_close) handler->handle_close(handle_of(timer_id), VEL_TIMER_EVENT, this);
     handler->release();
@@ -45,7 +47,7 @@ int VEL_Reactor::reschedule_timer(int32_t timer_id, uint32_t interval_ms) {
     bool sooner = false;
     if (!timers_->reschedule(timer_id, interval_ms, os::tick_ms64(), sooner))
         return vel::report(error::invalid_parameter);
-    if (sooner && timer_waits_) wakeup();
+    timers_changed(sooner);
     return 0;
 }
 
@@ -53,6 +55,7 @@ void VEL_Reactor::close_timers() {
     VEL_Guard guard(lock_);
     TimerQueue::Period timer;
     while (timers_->take_first(timer)) {
+        timers_changed(false);
         guard.unlock();
         timer.handler->handle_close(handle_of(timer.timer_id), VEL_TIMER_EVENT, this);
         timer.handler->release();
@@ -60,27 +63,35 @@ void VEL_Reactor::close_timers() {
     }
 }
 
-bool VEL_Reactor::acquire_timer() {
-    VEL_Guard guard(lock_);
-    return timers_->acquire_role();
+void VEL_Reactor::timers_changed(bool sooner) {
+    first_due_ms_ = timers_->deadline_ms(); // before the look at the flag: see calc_timeout
+    if (sooner && timer_waits_) wakeup();
 }
+
+bool VEL_Reactor::acquire_timer() { return !timer_role_.exchange(true); }
 
 void VEL_Reactor::release_timer() {
-    VEL_Guard guard(lock_);
     timer_waits_ = false;
-    timers_->release_role();
+    timer_role_ = false;
 }
 
-/// Time to the first timer. From here until `dispatch_timer` a sooner one needs a wake-up, at any other time none.
+/// The flag first: whoever makes a timer the first one after this has looked sees it and wakes this thread.
 uint32_t VEL_Reactor::calc_timeout() {
-    VEL_Guard guard(lock_);
     timer_waits_ = true;
-    return timers_->wait_ms(os::tick_ms64());
+    return until_first_timer();
+}
+
+uint32_t VEL_Reactor::until_first_timer() const {
+    const uint64_t due_ms = first_due_ms_;
+    if (due_ms == UINT64_MAX) return VEL_INFINITE;
+    const uint64_t now_ms = os::tick_ms64();
+    return due_ms <= now_ms ? 0 : static_cast<uint32_t>(std::min<uint64_t>(due_ms - now_ms, VEL_INFINITE - 1));
 }
 
 int VEL_Reactor::dispatch_timer() {
-    VEL_Guard guard(lock_);
     timer_waits_ = false;
+    if (until_first_timer() > 0) return 0;
+    VEL_Guard guard(lock_);
     int dispatched = 0;
     int32_t began_with = 0;
     TimerQueue::Period timer;
@@ -91,8 +102,9 @@ int VEL_Reactor::dispatch_timer() {
         const int result = timer.handler->handle_timeout(timer.timer_id, interval_ms, this);
         if (result < 0) cancel_timer(timer.timer_id, false);
         guard.lock();
-        bool sooner = false; // this thread looks again before it waits
-        if (result >= 0) timers_->reschedule(timer.timer_id, interval_ms, os::tick_ms64(), sooner);
+        bool sooner = false;
+        if (result >= 0 && timers_->reschedule(timer.timer_id, interval_ms, os::tick_ms64(), sooner))
+            timers_changed(sooner);
         guard.unlock();
         timer.handler->release();
         guard.lock();
