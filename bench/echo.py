@@ -123,6 +123,7 @@ def main():
                         ("event", "event", 1)], cells),
         "two workers": ([("asio x2", "asio", 2), ("vel x2", "vel", 2), ("epoll x2", "epoll", 2)], few),
         "63 workers": ([("vel x2", "vel", 2), ("vel x63", "vel", 63)], few[1:3]),
+        "reactor": ([("epoll", "epoll", 1), ("reactor", "reactor", 1)], [(64, n, 1) for n in (1, 16, 60)]),
     }
     if options.one:
         plans = {"one worker": plans["one worker"]}

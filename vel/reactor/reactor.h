@@ -36,7 +36,8 @@ enum VEL_Event_Mask : uint32_t {
 /// accept, connect, output, input, close. Output comes before input on purpose.
 /// Threads:   every call from any thread; any number of threads may run `handle_event`. One lock guards tables and
 ///            timers and is not held during a handler's call. One socket's handlers run on one thread at a time; an
-///            event handle may be served by two. One of the threads serves the timers.
+///            event handle may be served by two. One of the threads serves the timers; once it has left, the next that
+///            calls `handle_event`.
 /// Ownership: one reference to the handler for each registration and each timer, and one during each call. The reactor
 ///            closes neither sockets nor event handles.
 /// Errors:    -1 with 0x20000007 once deactivated, 0x20000008 with 63 registrations (also for more bits of one that is

@@ -164,7 +164,7 @@ TEST_F(ReactorTest, WaitsAsLongAsToldAndWithoutWork) {
     EXPECT_LT(std::clock() - worked, CLOCKS_PER_SEC / 20);
 }
 
-/// Threads that run the reactor until it is deactivated, which must free each of them.
+/// Threads that run the reactor until it is deactivated, which must free each of them. What handlers use outlives them.
 struct ReactorThreadsTest : ReactorTest {
     void start(int count) {
         while (count-- > 0)
@@ -175,10 +175,9 @@ struct ReactorThreadsTest : ReactorTest {
             });
     }
 
-    void TearDown() override {
+    void stop() {
         reactor->deactivate();
         for (std::thread& loop : loops) loop.join();
-        ReactorTest::TearDown();
     }
 
     std::vector<std::thread> loops;
@@ -209,6 +208,7 @@ TEST_F(ReactorThreadsTest, OneThreadAtATimeServesASocketButTwoAnEvent) {
     for (int round = 0; round < rounds; ++round)
         for (Recorder* self : recorders) EXPECT_EQ(self->peer.send("x", 1), 1);
     EXPECT_TRUE(comes_true([&] { return received == sockets * rounds && meeting >= 2; })) << received;
+    stop();
 }
 
 TEST_F(ReactorThreadsTest, WaitingThreadsSeeNewEventsAndTimers) {
@@ -222,6 +222,7 @@ TEST_F(ReactorThreadsTest, WaitingThreadsSeeNewEventsAndTimers) {
         os::set_event(signal);
         EXPECT_TRUE(comes_true([&] { return a.references() == 1; })) << "both served and ended";
     }
+    stop();
 }
 
 TEST_F(ReactorThreadsTest, RemovalsAndClosesMeetCallsUnderWay) {
@@ -247,6 +248,7 @@ TEST_F(ReactorThreadsTest, RemovalsAndClosesMeetCallsUnderWay) {
         });
     for (std::thread& ender : enders) ender.join();
     EXPECT_TRUE(comes_true([&] { return closes == 3 * 30; })) << closes << " of output, input and timer";
+    stop();
 }
 
 } // namespace

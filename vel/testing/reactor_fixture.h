@@ -1,6 +1,7 @@
 // Vocabulary of the reactor's tests: handlers that keep a journal, and a reactor that must leave nothing behind.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <functional>
@@ -83,11 +84,11 @@ public:
 
     std::map<std::string, std::function<int()>> on;
     VEL_Socket socket, peer;
-    uint32_t error = 0;           // of the last call
-    void* ended = nullptr;        // what the last close was told
-    uint32_t ended_mask = 0;      // likewise
-    int32_t timer_id = 0;         // of the last timeout
-    uint32_t* interval = nullptr; // during a timeout
+    // What the last call was told; during a timeout also its interval.
+    std::atomic<uint32_t> error{0}, ended_mask{0};
+    std::atomic<void*> ended{nullptr};
+    std::atomic<int32_t> timer_id{0};
+    std::atomic<uint32_t*> interval{nullptr};
 
 private:
     int told(const char* what, uint32_t code, const std::string& detail = "") {
