@@ -58,13 +58,6 @@ VEL_Message_Block& VEL_Message_Block::operator=(const VEL_Message_Block& other) 
     return *this;
 }
 
-VEL_Message_Block& VEL_Message_Block::operator=(VEL_Message_Block&& other) noexcept {
-    if (this == &other) return *this;
-    reset();
-    take(other);
-    return *this;
-}
-
 VEL_Message_Block::~VEL_Message_Block() { reset(); }
 
 int VEL_Message_Block::set(VEL_Serializable* message, bool sync) {
@@ -98,8 +91,8 @@ int VEL_Message_Block::set(const VEL_Byte_Block& bytes, const VEL_Object_Factory
     return 0;
 }
 
-void VEL_Message_Block::reset() {
-    if (counter_ != nullptr && vel::release_payload(counter_)) {
+void VEL_Message_Block::drop_share() {
+    if (vel::release_payload(counter_)) {
         delete message_;
         delete reply_;
     }

@@ -38,7 +38,12 @@ public:
 
     /// Hands the share over; `other` is null afterwards.
     VEL_Message_Block(VEL_Message_Block&& other) noexcept { take(other); }
-    VEL_Message_Block& operator=(VEL_Message_Block&& other) noexcept;
+    VEL_Message_Block& operator=(VEL_Message_Block&& other) noexcept {
+        if (this == &other) return *this;
+        reset();
+        take(other);
+        return *this;
+    }
     virtual ~VEL_Message_Block();
 
     /// Takes the message over, with a reply record when `sync`. Without either the block is null.
@@ -50,7 +55,9 @@ public:
     int set(const VEL_Byte_Block& bytes, const VEL_Object_Factory& factory, bool sync);
 
     /// Drops this handle's share; the block is null afterwards.
-    void reset();
+    void reset() {
+        if (counter_ != nullptr) drop_share();
+    }
 
     /// Answers a synchronous message: stores the three and frees every waiter. The record owns `reply` from here on; one
     /// stored earlier is overwritten, not deleted, and that is deliberate. Without a record nothing happens. Returns 0.
@@ -81,6 +88,7 @@ public:
 
 private:
     void share(const VEL_Message_Block& other);
+    void drop_share();
     void take(VEL_Message_Block& other) noexcept {
         message_ = std::exchange(other.message_, nullptr);
         reply_ = std::exchange(other.reply_, nullptr);
