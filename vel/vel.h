@@ -70,6 +70,7 @@
 #include <vel/sync/thread_safety.h>
 #include <vel/sync/tls.h>
 #include <vel/threads/message_queue.h>
+#include <vel/threads/task.h>
 #include <vel/threads/thread_descriptor.h>
 #include <vel/threads/thread_manager.h>
 #include <vel/types.h>

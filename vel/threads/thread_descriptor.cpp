@@ -15,11 +15,6 @@ constexpr uint32_t still_running = 259;
 
 } // namespace
 
-// The handle of a thread that was forgotten without a wait is still open here.
-VEL_Thread_Descriptor::~VEL_Thread_Descriptor() {
-    if (!closed_ && !thread_.invalid()) vel::os::close_handle(thread_.thr_handle());
-}
-
 void VEL_Thread_Descriptor::create(uint32_t stack_size) {
     void* handle = nullptr;
     uint32_t id = 0;

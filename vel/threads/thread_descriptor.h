@@ -2,10 +2,10 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <vel/frame/thread_id.h>
 #include <vel/types.h>
 
-class VEL_Message_Block;
 class VEL_Reactor;
 class VEL_Task_Base;
 
@@ -45,6 +45,12 @@ private:
 
     VEL_Thread_Descriptor() = default;
 
+    /// For a thread of a task: makes its reactor with the task's queue in it. Throws VEL_Exception.
+    explicit VEL_Thread_Descriptor(VEL_Task_Base* task);
+
+    /// Takes the task's queue out of the reactor without telling the task.
+    void leave_task();
+
     /// Creates the platform thread, suspended, in state THR_SPAWNED. Throws VEL_Exception with the system's code.
     void create(uint32_t stack_size);
 
@@ -64,8 +70,9 @@ private:
     int suspend();
     int resume();
 
-    /// Hands a message to the task. -1 with 0x20000003 without a task, 0x20000007 unless running or suspended.
-    int sendMessage(const VEL_Message_Block& message);
+    /// The task that takes messages for this thread; null with 0x20000003 without one, with 0x20000007 unless the
+    /// thread is running or suspended.
+    VEL_Task_Base* receiver() const;
 
     /// Closes the handle of a thread that has ended and notes its exit code.
     void thr_close();
@@ -76,9 +83,9 @@ private:
     void enter(VEL_Thread_State state);
 
     VEL_thread_t thread_;
-    bool closed_ = false;            // the handle was closed
-    VEL_Reactor* reactor_ = nullptr; // owned; task threads only
-    VEL_Task_Base* task_ = nullptr;  // one reference held; task threads only
+    bool closed_ = false;                  // the handle was closed
+    std::shared_ptr<VEL_Reactor> reactor_; // task threads only; shared with calls under way
+    VEL_Task_Base* task_ = nullptr;        // one reference held; task threads only
     int (*entry_)(void*) = nullptr;
     int (*cancel_)(void*) = nullptr;
     void* argument_ = nullptr;

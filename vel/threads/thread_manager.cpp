@@ -122,8 +122,7 @@ std::vector<VEL_thread_t> VEL_Thread_Manager::members(const int* grp) {
     return names;
 }
 
-void VEL_Thread_Manager::add(VEL_Thread_Descriptor& descriptor, unsigned int stack_size) {
-    descriptor.create(stack_size);
+void VEL_Thread_Manager::add(VEL_Thread_Descriptor& descriptor) {
     if (insert(&descriptor) != 0) VEL_Exception::ThrowException(VELLib::GetErrorCode());
 }
 
@@ -132,26 +131,16 @@ int VEL_Thread_Manager::spawn(int (*func)(void*), void* arg, size_t n, VEL_threa
     VEL_Guard guard(lock_);
     if (closed_ != 0) return vel::fail(vel::error::object_closed);
     if (!func) return vel::fail(vel::error::null_member);
-    Descriptors created;
-    try {
-        created.resize(n);
-        for (auto& descriptor : created) {
-            descriptor.reset(new VEL_Thread_Descriptor);
-            descriptor->group_ = grp;
-            descriptor->entry_ = func;
-            descriptor->cancel_ = cancel_func;
-            descriptor->argument_ = arg;
-            add(*descriptor, stack_size);
-        }
-    } catch (const VEL_Exception& exception) {
-        undo(created);
-        return vel::fail(exception.GetErrorCode());
-    } catch (const std::exception&) { // out of memory, or more threads than any vector holds
-        undo(created);
-        return vel::fail(vel::error::not_enough_memory);
-    }
-    hand_out(created, ids, flags);
-    return 0;
+    const auto create = [&](std::unique_ptr<VEL_Thread_Descriptor>& descriptor) {
+        descriptor.reset(new VEL_Thread_Descriptor);
+        descriptor->group_ = grp;
+        descriptor->entry_ = func;
+        descriptor->cancel_ = cancel_func;
+        descriptor->argument_ = arg;
+        descriptor->create(stack_size);
+        add(*descriptor);
+    };
+    return spawn_all(n, ids, flags, std::ref(create));
 }
 
 int VEL_Thread_Manager::spawn(int (*func)(void*), void* arg, VEL_thread_t& id, int grp, unsigned int stack_size,
@@ -159,12 +148,37 @@ int VEL_Thread_Manager::spawn(int (*func)(void*), void* arg, VEL_thread_t& id, i
     return spawn(func, arg, 1, &id, grp, stack_size, flags, cancel_func);
 }
 
+int VEL_Thread_Manager::spawn_all(size_t n, VEL_thread_t* ids, uint32_t flags,
+                                  const std::function<void(std::unique_ptr<VEL_Thread_Descriptor>&)>& create) {
+    Descriptors created;
+    if (n > created.max_size()) return vel::fail(vel::error::not_enough_memory);
+    try {
+        created.resize(n);
+        for (auto& descriptor : created) create(descriptor);
+    } catch (const VEL_Exception& exception) {
+        undo(created);
+        return vel::fail(exception.GetErrorCode());
+    } catch (const std::bad_alloc&) {
+        undo(created);
+        return vel::fail(vel::error::not_enough_memory);
+    } catch (...) { // out of a task's handle_init
+        undo(created);
+        throw;
+    }
+    hand_out(created, ids, flags);
+    return 0;
+}
+
 void VEL_Thread_Manager::undo(Descriptors& created) {
     for (auto& descriptor : created) {
-        if (!descriptor || descriptor->thr_desc().invalid()) continue;
-        threads_->unbind(descriptor->thr_desc());
-        descriptor->kill(-1); // at its gate still, so it just ends
+        if (!descriptor) break;
+        if (!descriptor->thr_desc().invalid()) {
+            threads_->unbind(descriptor->thr_desc());
+            descriptor->kill(-1); // at its gate still, so it just ends
+        }
+        descriptor->leave_task();
     }
+    created.clear(); // which may set the thread's error code
 }
 
 void VEL_Thread_Manager::hand_out(Descriptors& created, VEL_thread_t* ids, uint32_t flags) {
@@ -193,17 +207,22 @@ int VEL_Thread_Manager::cancel_all() {
 }
 
 int VEL_Thread_Manager::kill(const VEL_thread_t& thread, int exit_code) {
+    std::unique_ptr<VEL_Thread_Descriptor> ended; // goes with the lock free: its reactor calls handlers
     VEL_Guard guard(lock_);
     VEL_Thread_Descriptor* descriptor = find(thread);
     if (!descriptor) return -1;
     if (descriptor->kill(exit_code) != 0 && descriptor->survived()) return -1;
-    delete remove(thread);
+    ended.reset(remove(thread));
     return 0;
 }
 
 int VEL_Thread_Manager::kill(int grp, int exit_code) {
-    VEL_Guard guard(lock_);
-    return for_each([&] { return members(&grp); }, [&](const VEL_thread_t& thread) { kill(thread, exit_code); });
+    return for_each(
+        [&] {
+            VEL_Guard guard(lock_);
+            return members(&grp);
+        },
+        [&](const VEL_thread_t& thread) { kill(thread, exit_code); });
 }
 
 int VEL_Thread_Manager::suspend(const VEL_thread_t& thread) {
@@ -293,14 +312,20 @@ int VEL_Thread_Manager::wait_and_forget(VEL_Guard& guard, const VEL_thread_t& th
     vel::os::share_handle(name.thr_handle());
     guard.unlock();
     const uint32_t code = vel::os::wait_handle(name.thr_handle(), timeout_ms);
-    guard.lock();
-    if (code == vel::error::none) {
-        VEL_Thread_Descriptor* descriptor = nullptr;
-        if (threads_->unbind(name, descriptor) == 0) descriptor->thr_close();
-        delete descriptor;
-    }
+    if (code == vel::error::none) forget(name);
     vel::os::close_handle(name.thr_handle());
+    guard.lock();
     return vel::result_of(code);
+}
+
+// Deleted with the lock free: a task may go with it.
+void VEL_Thread_Manager::forget(const VEL_thread_t& thread) {
+    std::unique_ptr<VEL_Thread_Descriptor> ended;
+    VEL_Guard guard(lock_);
+    VEL_Thread_Descriptor* descriptor = nullptr;
+    if (threads_->unbind(thread, descriptor) != 0) return;
+    descriptor->thr_close();
+    ended.reset(descriptor);
 }
 
 int VEL_Thread_Manager::thr_state(const VEL_thread_t& thread) {

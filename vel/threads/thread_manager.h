@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <vector>
 #include <vel/frame/thread_id.h>
@@ -14,6 +15,7 @@
 #include <vel/types.h>
 
 class VEL_Event_Handler;
+class VEL_Message_Block;
 
 /// Starts threads and keeps track of them until they are joined, waited for or killed.
 ///
@@ -23,7 +25,8 @@ class VEL_Event_Handler;
 /// stop a thread wherever it is, also while it holds a lock that others need.
 ///
 /// Threads:   every call from any thread. The lock is held while map and descriptors are touched, also while a cancel
-///            function runs, and released while `join`, `wait` and `close` block.
+///            function or a task's `handle_init` runs, and released while `join`, `wait` and `close` block and while
+///            handlers and the ends of tasks run.
 /// Ownership: the manager owns the descriptors; a thread that has ended keeps its entry until it is joined or waited
 ///            for. The destructor closes.
 /// Errors:    -1 with 0x2000000A for a thread that is not (or no longer) known, 0x20000007 for spawning on a closed
@@ -152,10 +155,15 @@ private:
     /// Threads of a group, of all groups where `grp` is null, as names: what is called for one may end others.
     std::vector<VEL_thread_t> members(const int* grp);
 
-    /// Creates a suspended thread and puts it into the map. Throws VEL_Exception.
-    void add(VEL_Thread_Descriptor& descriptor, unsigned int stack_size);
+    /// `insert` for a spawn under way. Throws VEL_Exception.
+    void add(VEL_Thread_Descriptor& descriptor);
 
-    /// Second half of a spawn: ends what was created, or gives it to the map and lets it run unless `flags`.
+    /// Makes `n` threads with `create`, which adds a suspended one or throws, and lets them run unless `flags`; all of
+    /// them or none. 0, or -1 with the error code set.
+    int spawn_all(size_t n, VEL_thread_t* ids, uint32_t flags,
+                  const std::function<void(std::unique_ptr<VEL_Thread_Descriptor>&)>& create);
+
+    /// Second half of a spawn: ends what was created, or gives it to the map.
     void undo(Descriptors& created);
     void hand_out(Descriptors& created, VEL_thread_t* ids, uint32_t flags);
 
@@ -167,6 +175,12 @@ private:
 
     /// Waits for one thread with the lock released; when it has ended forgets it. 0, or -1 with the error code set.
     int wait_and_forget(VEL_Guard& guard, const VEL_thread_t& thread, uint32_t timeout_ms);
+
+    /// Deletes the descriptor of a thread that has ended, unless another thread has done so.
+    void forget(const VEL_thread_t& thread);
+
+    /// The reactor of a task's thread; null with 0x2000000A or 0x20000003.
+    std::shared_ptr<VEL_Reactor> reactor_of(const VEL_thread_t& thread);
 
     /// The platform's thread function; its argument is the descriptor.
     static uint32_t thr_entry(void* argument);
