@@ -6,6 +6,41 @@
 
 namespace {
 
+/// VEL: a task with one thread, and what is in its way: through the manager by the thread's name, or straight.
+template <bool ByName>
+class TaskReceiver {
+public:
+    TaskReceiver() : message_(new VEL_Serializable, false) {
+        if (VELLib::initialize() != 0) std::abort();
+        threads_ = VEL_Thread_Manager::instance();
+        if (!threads_ || threads_->spawn(task_, thread_, 1, 0, 0) != 0) std::abort();
+    }
+    ~TaskReceiver() {
+        threads_->join(thread_, nullptr);
+        task_->release();
+        VELLib::uninitialize();
+    }
+
+    void on_message(std::function<void()> action) { task_->action = std::move(action); }
+    void post() {
+        if ((ByName ? threads_->sendMessage(thread_, message_) : task_->sendMessage(message_)) != 0) std::abort();
+    }
+
+private:
+    struct Task : VEL_Task_Base {
+        std::function<void()> action;
+        int handle_message(VEL_Message_Block&) override {
+            action();
+            return 0;
+        }
+    };
+
+    VEL_Thread_Manager* threads_ = nullptr;
+    Task* task_ = new Task;
+    VEL_thread_t thread_;
+    VEL_Message_Block message_;
+};
+
 /// The message queue alone: a thread of our own waits for its event and empties it.
 class QueueReceiver {
 public:
@@ -41,7 +76,9 @@ private:
 };
 
 const bool added = [] {
-    bench::add<QueueReceiver>("send", "vel");
+    bench::add<TaskReceiver<false>>("send", "vel");
+    bench::add<TaskReceiver<true>>("send", "vel_by_name");
+    bench::add<QueueReceiver>("send", "vel_queue");
     bench::add_peers("send");
     return true;
 }();
