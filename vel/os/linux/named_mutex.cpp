@@ -11,6 +11,7 @@
 #include <chrono>
 #include <climits>
 #include <condition_variable>
+#include <cstddef>
 #include <ctime>
 #include <fcntl.h>
 #include <list>
@@ -191,9 +192,11 @@ void Record::abandon(uint32_t thread_id) {
 /// All records of this process.
 class Registry {
 public:
-    /// Never destroyed: threads may still use mutexes while the process ends.
+    /// Never destroyed: threads may still use mutexes while the process ends. Needs no memory: the end of a thread asks
+    /// for it, too.
     static Registry& instance() {
-        static Registry& registry = *new Registry;
+        alignas(Registry) static std::byte room[sizeof(Registry)];
+        static Registry& registry = *new (room) Registry;
         return registry;
     }
 
