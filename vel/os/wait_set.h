@@ -57,7 +57,8 @@ public:
     /// elsewhere, ends. 0 wants none and keeps the member.
     virtual uint32_t bind(uint64_t key, uint64_t socket, uint32_t notices) = 0;
 
-    /// Adds an event. The set never resets it: a manual-reset one stays signalled until its owner does.
+    /// Adds an event or a thread. The set never resets it: a manual-reset one stays signalled until its owner does; an
+    /// auto-reset one is taken by the wait that gives it.
     virtual uint32_t add_event(uint64_t key, void* event) = 0;
 
     /// Takes a member out; an unknown key does nothing. Its socket reports nothing any more.
@@ -67,7 +68,9 @@ public:
     virtual uint32_t generation() const = 0;
 
     /// Waits for the first signalled member in the order of keys whose key is above `after` (0: of all). A socket that
-    /// is held is not signalled. Time is counted to the end: 0 looks without waiting, VEL_INFINITE waits for ever.
+    /// is held is not signalled. Time is counted to the end: 0 looks without waiting, VEL_INFINITE waits for ever. Above
+    /// a key it is meant to look for what else is there: a longer wait may cost processor time while a member before is
+    /// signalled.
     /// @param generation  what `generation` gave; a wait of an older one ends at once
     /// @param key         the member, or 0 when the wait was ended by `wake`
     /// @return 0, or 258 on time-out

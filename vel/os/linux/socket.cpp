@@ -169,7 +169,10 @@ uint32_t connect_socket(uint64_t socket, const void* address, int32_t length) {
     if (call.ended()) return error::not_a_socket;
     const auto* target = static_cast<const sockaddr*>(address);
     const bool fresh = object->notices.connect_begins();
-    const int result = ::connect(object->descriptor(), target, static_cast<socklen_t>(length));
+    int result = ::connect(object->descriptor(), target, static_cast<socklen_t>(length));
+    // The first call after a failed connect only tells that it failed, when another has taken the error already.
+    if (result < 0 && errno == ECONNABORTED && fresh)
+        result = ::connect(object->descriptor(), target, static_cast<socklen_t>(length));
     int error_number = result < 0 ? errno : 0;
     if (error_number == EINTR) error_number = finish_connect(object->descriptor());
     if (call.ended()) return error::not_a_socket;
@@ -253,7 +256,7 @@ uint32_t take_socket_error(uint64_t socket, uint32_t& error) {
     socklen_t length = sizeof pending;
     if (::getsockopt(object->descriptor(), SOL_SOCKET, SO_ERROR, &pending, &length) < 0) return last_error();
     error = pending ? socket_error(pending) : error::none;
-    if (error) object->notices.error_taken(error);
+    object->notices.error_taken(error);
     return error::none;
 }
 

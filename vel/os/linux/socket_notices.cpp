@@ -167,6 +167,7 @@ void SocketNotices::connect_ends(uint32_t code, bool fresh) {
 }
 
 void SocketNotices::error_taken(uint32_t code) {
+    if (code == error::none) return;
     const Change change(*this);
     if (phase_ == Phase::connecting && bound())
         finish_connect(code);

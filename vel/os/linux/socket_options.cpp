@@ -134,7 +134,12 @@ uint32_t get_option(uint64_t socket, int level, int name, void* value, int32_t& 
     if (level == own_level) {
         const Option* option = find_option(name);
         if (!option) return socket_error(ENOPROTOOPT);
-        return option->form == Form::ignored ? error::none : get_own(object->descriptor(), *option, value, length);
+        if (option->form == Form::ignored) return error::none;
+        const uint32_t code = get_own(object->descriptor(), *option, value, length);
+        uint32_t taken = error::none;
+        if (!code && option->form == Form::error) std::memcpy(&taken, value, sizeof taken);
+        object->notices.error_taken(taken);
+        return code;
     }
     auto room = static_cast<socklen_t>(length);
     if (::getsockopt(object->descriptor(), level, name, value, &room) < 0) return socket_error(errno);

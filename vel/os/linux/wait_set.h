@@ -7,10 +7,9 @@
 #include <vel/os/linux/notice_sink.h>
 #include <vel/os/linux/short_lock.h>
 #include <vel/os/linux/wait_members.h>
+#include <vel/os/linux/waitable.h>
 
 namespace vel::os {
-
-class Waitable;
 
 /// Threads sleep in one epoll. Each socket is registered there once; in the steady state a notice costs the shared wait
 /// and what its reader does.
@@ -51,13 +50,22 @@ private:
     void released(uint64_t key) override;
 
     SocketNotices* socket_of(uint64_t key);
-    static Waitable* pin_event(uint64_t tag);
-    uint32_t find_signalled(Lock& lock, uint64_t after, uint32_t generation, const Deadline& deadline, uint64_t& key,
-                            uint64_t& event);
-    uint32_t first_known(uint64_t after);
+
+    /// Calls `use` with the event behind a tag; false when it is closed.
+    template <class Use>
+    static bool use_event(uint64_t tag, Use use) {
+        Waitable* event = pin_waitable(to_handle(descriptor_of(tag)));
+        if (!event) return false;
+        const bool same = event->generation() == generation_of(tag);
+        if (same) use(*event);
+        HandleTable::unpin(event);
+        return same;
+    }
+
+    uint32_t find_signalled(Lock& lock, uint64_t after, uint32_t generation, const Deadline& deadline, uint32_t& place);
+    uint32_t first_known(uint64_t after) const;
     bool may_be_signalled_up_to(uint32_t place) const;
-    static bool take_event(uint64_t tag);
-    static void finish_event(uint64_t tag);
+    static bool take_signal(const WaitMember& member);
 
     // Both ask the kernel, with the lock open meanwhile.
     void look(Lock& lock);
@@ -67,10 +75,10 @@ private:
     uint32_t mark(uint64_t key);
 
     void settle_event(uint64_t tag);
-    void drop_dead(uint64_t tag);
     void prepare_events();
     void last_sleeper_left();
     void await_drain(Lock& lock, const Deadline& deadline);
+    void free_barred();
 
     void nudge_one();
     void pass_on(uint32_t given);
@@ -82,7 +90,7 @@ private:
     bool draining_ = false;
     bool nudged_ = false;                 // a nudge is under way
     std::atomic<uint32_t> generation_{0}; // changes under the lock
-    std::atomic<uint32_t> drains_{0};     // likewise
+    std::atomic<uint32_t> barrier_{0};    // likewise; threads that must not go to sleep yet wait for its next value
     Descriptor wake_{-1};
     Descriptor nudge_{-1};
 };

@@ -1,0 +1,205 @@
+// Waiting for the members of a wait set: looking, sleeping, and freeing other sleepers.
+#include <vel/os/linux/wait_set.h>
+
+#include <sys/eventfd.h>
+#include <vel/os/error_codes.h>
+#include <vel/os/linux/futex.h>
+#include <vel/os/linux/socket_notices.h>
+
+namespace vel::os {
+
+/// What one fetch has brought.
+struct EpollWaitSet::Batch {
+    uint32_t count = 0;
+    bool nudged = false;
+    uint64_t keys[capacity];
+};
+
+uint32_t EpollWaitSet::wait(uint64_t after, uint32_t generation, uint32_t timeout_ms, uint64_t& key) {
+    const Deadline deadline(timeout_ms);
+    Lock lock(lock_);
+    uint32_t place = WaitMembers::nowhere;
+    const uint32_t code = find_signalled(lock, after, generation, deadline, place);
+    pass_on(place);
+    const WaitMember found = place == WaitMembers::nowhere ? WaitMember{} : members_[place];
+    lock.unlock();
+    key = found.key;
+    if (found.event_tag) use_event(found.event_tag, [](Waitable& event) { event.after_wait(); });
+    return code;
+}
+
+uint32_t EpollWaitSet::find_signalled(Lock& lock, uint64_t after, uint32_t generation, const Deadline& deadline,
+                                      uint32_t& place) {
+    bool looked = false;
+    while (generation == generation_.load(std::memory_order_relaxed)) {
+        place = first_known(after);
+        const bool known = place != WaitMembers::nowhere;
+        if (known && (looked || after != 0 || !may_be_signalled_up_to(place))) {
+            if (take_signal(members_[place])) return error::none;
+            continue;
+        }
+        const bool over = deadline.expired();
+        if (!known && over && (looked || !members_.above(after))) return error::wait_timeout;
+        if (!known && !over && draining_) {
+            await_drain(lock, deadline);
+            continue;
+        }
+        if (known || over)
+            look(lock);
+        else
+            sleep(lock, deadline);
+        looked = true;
+    }
+    place = WaitMembers::nowhere;
+    return error::none;
+}
+
+uint32_t EpollWaitSet::first_known(uint64_t after) const {
+    uint64_t candidates = (members_.ready_sockets() | members_.events) & members_.above(after);
+    for (; candidates; candidates &= candidates - 1) {
+        const auto place = static_cast<uint32_t>(__builtin_ctzll(candidates));
+        const uint64_t tag = members_[place].event_tag;
+        bool signalled = tag == 0;
+        if (tag) use_event(tag, [&](const Waitable& event) { signalled = event.is_signalled(); });
+        if (signalled) return place;
+    }
+    return WaitMembers::nowhere;
+}
+
+// An edge that nobody has fetched yet may tell of a socket with a smaller key, or tell more of this one.
+bool EpollWaitSet::may_be_signalled_up_to(uint32_t place) const {
+    return ((WaitMembers::bit(place) * 2 - 1) & ~(members_.events | members_.held)) != 0;
+}
+
+// An auto-reset event is taken by the wait that gives it. False when another thread was first.
+bool EpollWaitSet::take_signal(const WaitMember& member) {
+    bool taken = member.event_tag == 0;
+    if (!taken) use_event(member.event_tag, [&](Waitable& event) { taken = event.take(); });
+    return taken;
+}
+
+void EpollWaitSet::look(Lock& lock) {
+    constexpr timespec at_once{};
+    Batch batch;
+    lock.unlock();
+    fetch_batch(&at_once, batch);
+    lock.lock();
+    apply(batch);
+}
+
+void EpollWaitSet::sleep(Lock& lock, const Deadline& deadline) {
+    const uint32_t epoch = epoch_;
+    ++sleepers_;
+    prepare_events();
+    Batch batch;
+    timespec left;
+    lock.unlock();
+    fetch_batch(deadline.remaining(left), batch);
+    lock.lock();
+    apply(batch);
+    if (epoch == epoch_ && --sleepers_ == 0) last_sleeper_left();
+}
+
+void EpollWaitSet::fetch_batch(const timespec* timeout, Batch& batch) {
+    constexpr int room = capacity + 2;
+    epoll_event edges[room];
+    uint64_t number = 0;
+    const int count = fetch(edges, room, timeout, number);
+    for (int index = 0; index < count; ++index) {
+        const uint64_t tag = edges[index].data.u64;
+        if (tag == nudge_tag)
+            batch.nudged = true;
+        else if (tag == wake_tag)
+            continue;
+        else if (tag & own_tag)
+            settle_event(tag);
+        else if (deliver(edges[index], number, batch.keys[batch.count]))
+            ++batch.count;
+    }
+}
+
+void EpollWaitSet::apply(const Batch& batch) {
+    for (uint32_t index = 0; index < batch.count; ++index) mark(batch.keys[index]);
+    if (batch.nudged) nudged_ = false;
+}
+
+// A closed event whose descriptor somebody else keeps open would end every wait at once, so it is taken out.
+void EpollWaitSet::settle_event(uint64_t tag) {
+    if (use_event(tag, [](Waitable& event) { event.settle(); })) return;
+    const Guard guard(lock_);
+    bool reused = false;
+    for_each_place(members_.events, [&](uint32_t place) {
+        const uint64_t other = members_[place].event_tag;
+        reused |= other != tag && descriptor_of(other) == descriptor_of(tag);
+    });
+    if (!reused) forget(descriptor_of(tag));
+}
+
+// A signal that is gone leaves its descriptor readable; one read here saves a round of the wait.
+void EpollWaitSet::prepare_events() {
+    for_each_place(members_.events, [&](uint32_t place) {
+        use_event(members_[place].event_tag, [this](Waitable& event) {
+            if (event.stale()) event.settle();
+            if (sleepers_ == 1) event.add_watcher();
+        });
+    });
+}
+
+void EpollWaitSet::last_sleeper_left() {
+    for_each_place(members_.events, [&](uint32_t place) {
+        use_event(members_[place].event_tag, [](Waitable& event) { event.remove_watcher(); });
+    });
+    if (!draining_) return;
+    eventfd_t count;
+    ::eventfd_read(wake_.get(), &count);
+    draining_ = false;
+    free_barred();
+}
+
+void EpollWaitSet::free_barred() {
+    barrier_.fetch_add(1);
+    futex_wake_all(barrier_);
+}
+
+// Nobody sleeps on a descriptor that is readable for others: it would spin. They need microseconds to leave; the
+// patience is for sleepers that never come back, since somebody has ended or suspended their threads.
+void EpollWaitSet::await_drain(Lock& lock, const Deadline& deadline) {
+    constexpr int slices = 10;
+    constexpr uint32_t slice_ms = 100; // counted one by one, so that a stop of the whole process passes for one
+    const uint32_t seen = barrier_.load();
+    for (int slice = 0; slice < slices; ++slice) {
+        const Deadline slice_end(slice_ms);
+        while (!slice_end.expired()) {
+            timespec left;
+            lock.unlock();
+            futex_wait(barrier_, seen, slice_end.remaining(left));
+            lock.lock();
+            if (barrier_.load() != seen || deadline.expired()) return;
+        }
+    }
+    ++epoch_;
+    sleepers_ = 0;
+    last_sleeper_left();
+}
+
+void EpollWaitSet::nudge_one() {
+    if (sleepers_ == 0 || nudged_) return;
+    nudged_ = true;
+    ::eventfd_write(nudge_.get(), 1);
+}
+
+void EpollWaitSet::pass_on(uint32_t given) {
+    const uint64_t mine = given == WaitMembers::nowhere ? 0 : WaitMembers::bit(given);
+    if (members_.ready_sockets() & ~mine) nudge_one();
+}
+
+void EpollWaitSet::wake() {
+    const Guard guard(lock_);
+    generation_.fetch_add(1, std::memory_order_relaxed);
+    if (draining_) return free_barred();
+    if (sleepers_ == 0) return;
+    draining_ = true;
+    ::eventfd_write(wake_.get(), 1);
+}
+
+} // namespace vel::os
