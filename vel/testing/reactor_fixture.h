@@ -62,7 +62,6 @@ public:
     int handle_output(void*, VEL_Reactor*, uint32_t code) override { return told("output", code); }
     int handle_close(void* handle, uint32_t mask, VEL_Reactor*) override {
         ended = handle;
-        ended_mask = mask;
         return told("close", 0, std::to_string(mask));
     }
     int handle_timeout(int32_t id, uint32_t& interval_ms, VEL_Reactor*) override {
@@ -85,7 +84,7 @@ public:
     std::map<std::string, std::function<int()>> on;
     VEL_Socket socket, peer;
     // What the last call was told; during a timeout also its interval.
-    std::atomic<uint32_t> error{0}, ended_mask{0};
+    std::atomic<uint32_t> error{0};
     std::atomic<void*> ended{nullptr};
     std::atomic<int32_t> timer_id{0};
     std::atomic<uint32_t*> interval{nullptr};
@@ -123,16 +122,12 @@ protected:
     /// A recorder with the accepted end of a connection, registered.
     Recorder& connected(const std::string& name, uint32_t mask) {
         Recorder& self = recorder(name);
-        connect(self.peer, self.socket);
+        self.peer.open(2, 1, 0);
+        EXPECT_EQ(self.peer.connect(listen()), 0);
+        EXPECT_EQ(door.accept(self.socket), 0);
+        EXPECT_EQ(self.socket.enable_nonblock(), 0);
         EXPECT_EQ(self.socket.register_event_select(reactor.get(), &self, mask), 0);
         return self;
-    }
-
-    void connect(VEL_Socket& client, VEL_Socket& server) {
-        client.open(2, 1, 0);
-        EXPECT_EQ(client.connect(listen()), 0);
-        EXPECT_EQ(door.accept(server), 0);
-        EXPECT_EQ(server.enable_nonblock(), 0);
     }
 
     VEL_INET_Addr listen() {
