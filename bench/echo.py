@@ -111,22 +111,23 @@ def main():
     parser.add_argument("--seconds", type=float, default=0.8, help="length of one run")
     parser.add_argument("--json", help="file for the raw figures")
     parser.add_argument("--only", help="comma-separated server labels")
-    parser.add_argument("--one", action="store_true", help="only the one-worker table")
+    parser.add_argument("--table", default="", help="only the tables whose title starts so")
     options = parser.parse_args()
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 65536), hard))
 
     cells = [(size, connections, out) for size in SIZES for connections in CONNECTIONS for out in OUTSTANDING]
     few = [(64, 1, 1), (64, 64, 1), (64, 1000, 1), (64, 64, 16), (64, 1000, 16)]
+    readiness = [(size, connections, out) for size in SIZES for connections in (1, 16, 60) for out in OUTSTANDING]
     plans = {
         "one worker": ([("epoll", "epoll", 1), ("vel", "vel", 1), ("asio", "asio", 1), ("uv", "uv", 1),
                         ("event", "event", 1)], cells),
         "two workers": ([("asio x2", "asio", 2), ("vel x2", "vel", 2), ("epoll x2", "epoll", 2)], few),
         "63 workers": ([("vel x2", "vel", 2), ("vel x63", "vel", 63)], few[1:3]),
-        "reactor": ([("epoll", "epoll", 1), ("reactor", "reactor", 1)], [(64, n, 1) for n in (1, 16, 60)]),
+        "reactor": ([("epoll", "epoll", 1), ("reactor", "reactor", 1), ("stream", "stream", 1), ("asio", "asio", 1),
+                     ("uv", "uv", 1), ("event", "event", 1)], readiness),
     }
-    if options.one:
-        plans = {"one worker": plans["one worker"]}
+    plans = {title: plan for title, plan in plans.items() if title.startswith(options.table)}
     figures = {}
     for title, (servers, plan) in plans.items():
         servers = [s for s in servers if os.path.exists(f"{options.folder}/echo_{s[1]}")]
@@ -138,11 +139,12 @@ def main():
         table(title, results, servers[0][0])
         figures[title] = as_json(results)
 
-    print("\nsystem calls a round trip, 64 bytes, 64 connections, one outstanding (strace; start-up included)")
+    print("\nsystem calls a round trip, 64 bytes, 60 connections, one outstanding (strace; start-up included)")
     calls = {}
-    for label, name, threads in (("vel", "vel", 1), ("vel x2", "vel", 2), ("epoll", "epoll", 1), ("asio", "asio", 1)):
+    for label, name, threads in (("vel", "vel", 1), ("vel x2", "vel", 2), ("reactor", "reactor", 1),
+                                 ("stream", "stream", 1), ("epoll", "epoll", 1), ("asio", "asio", 1)):
         if os.path.exists(f"{options.folder}/echo_{name}"):
-            calls[label] = count_calls(options.folder, name, threads, (64, 64, 1), 4)
+            calls[label] = count_calls(options.folder, name, threads, (64, 60, 1), 4)
             print(f"  {label}: {calls[label]:.2f}" if calls[label] else f"  {label}: not counted")
     figures["system calls a round trip"] = calls
     if options.json:
