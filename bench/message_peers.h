@@ -38,6 +38,9 @@ private:
     std::promise<void> done_;
 };
 
+/// Asio with one thread that runs the context.
+/// @tparam hint  what the context is told of its threads: 1, or nothing; it locks in both cases
+template <int hint>
 class AsioReceiver {
 public:
     AsioReceiver() : thread_([this] { context_.run(); }) {}
@@ -55,7 +58,7 @@ public:
     }
 
 private:
-    asio::io_context context_{1};
+    asio::io_context context_{hint};
     asio::executor_work_guard<asio::io_context::executor_type> work_{context_.get_executor()};
     std::shared_ptr<Payload> payload_ = std::make_shared<Payload>();
     std::shared_ptr<std::function<void()>> action_ = std::make_shared<std::function<void()>>();
@@ -224,7 +227,8 @@ void add(const std::string& work, const std::string& name) {
 
 /// Adds the peers.
 inline void add_peers(const std::string& work) {
-    add<AsioReceiver>(work, "asio");
+    add<AsioReceiver<1>>(work, "asio");
+    add<AsioReceiver<ASIO_CONCURRENCY_HINT_DEFAULT>>(work, "asio_unhinted");
     add<UvReceiver>(work, "libuv");
     add<BareReceiver>(work, "bare_queue");
 }
