@@ -6,7 +6,7 @@
 
 namespace {
 
-constinit vel::RecordPool pool; // of records of this very class, not of derived ones
+constinit vel::RecordPool pool(sizeof(VEL_Async_Post_Operation)); // of records of this very class, not of derived ones
 
 void* take(size_t size) { return size == sizeof(VEL_Async_Post_Operation) ? pool.take() : nullptr; }
 

@@ -2,8 +2,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
-#include <utility>
 
 namespace vel {
 
@@ -16,7 +16,8 @@ namespace vel {
 ///            sanitizer sees every record: the pool keeps none there.
 class RecordPool {
 public:
-    constexpr RecordPool() = default;
+    /// @param size  bytes of a record
+    explicit constexpr RecordPool(size_t size) : size_(size) {}
     RecordPool(const RecordPool&) = delete;
     RecordPool& operator=(const RecordPool&) = delete;
 
@@ -28,7 +29,10 @@ public:
             returned_count_.store(0, std::memory_order_relaxed);
         }
         Free* first = ready_;
-        if (first) ready_ = first->next;
+        if (first) {
+            ready_ = first->next;
+            prefetch(ready_);
+        }
         taking_.store(false, std::memory_order_release);
         return first;
     }
@@ -55,6 +59,13 @@ private:
 #else
     static constexpr bool keeps = true;
 #endif
+
+    // The next record's memory is in the cache of the processor that deleted it.
+    void prefetch(const Free* next) const {
+        for (size_t at = 0; at < size_; at += 64) __builtin_prefetch(reinterpret_cast<const char*>(next) + at, 1);
+    }
+
+    const size_t size_;
 
     // Two cache lines: what those who give back write, and what those who take write.
     alignas(64) std::atomic<Free*> returned_{nullptr};

@@ -7,6 +7,12 @@
 
 namespace vel::os {
 
+struct RequestChain {
+    IoRequest* first; // null for an empty one
+    IoRequest* last;
+    uint32_t length;
+};
+
 /// A chain of requests that any thread adds to and that is only ever taken whole.
 ///
 /// Invariant: the chain runs from the last to the first request; once closed it holds the mark for good.
@@ -26,19 +32,19 @@ public:
     bool empty() const { return last_.load(std::memory_order_seq_cst) == nullptr; }
 
     /// The requests since the last call, in the order in which they were pushed. Not for a closed inbox.
-    IoRequest* take_all() { return in_order(last_.exchange(nullptr, std::memory_order_acquire)); }
+    RequestChain take_all() { return in_order(last_.exchange(nullptr, std::memory_order_acquire)); }
 
     /// Refuses what comes from now on and gives what was not taken.
-    IoRequest* close() { return in_order(last_.exchange(&closed_mark_, std::memory_order_acquire)); }
+    RequestChain close() { return in_order(last_.exchange(&closed_mark_, std::memory_order_acquire)); }
 
 private:
-    static IoRequest* in_order(IoRequest* last) {
-        IoRequest* first = nullptr;
-        while (last) {
-            IoRequest* before = std::exchange(last->next, first);
-            first = std::exchange(last, before);
+    static RequestChain in_order(IoRequest* last) {
+        RequestChain chain{nullptr, last, 0};
+        for (IoRequest* each = last; each; ++chain.length) {
+            IoRequest* before = std::exchange(each->next, chain.first);
+            chain.first = std::exchange(each, before);
         }
-        return first;
+        return chain;
     }
 
     static inline constinit IoRequest closed_mark_{};

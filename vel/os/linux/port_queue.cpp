@@ -21,6 +21,11 @@ constexpr uint64_t slow_takes_per_period = 16;
 
 constexpr uint32_t quiet_periods_to_rest = 8;
 
+// The request and what its owner keeps behind it, which the handler is going to write.
+void prefetch(const IoRequest* request) {
+    for (int line = 0; line < 3; ++line) __builtin_prefetch(reinterpret_cast<const char*>(request) + line * 64, 1);
+}
+
 uint64_t next_port_id() {
     static std::atomic<uint64_t> last{0};
     return last.fetch_add(1, std::memory_order_relaxed) + 1;
@@ -158,18 +163,20 @@ void PortQueue::collect() {
     if (!inbox_.empty()) append(inbox_.take_all());
 }
 
-void PortQueue::append(IoRequest* chain) {
-    for (; chain; chain = chain->next) {
-        (tail_ ? tail_->next : head_) = chain;
-        tail_ = chain;
-        ++ready_;
-    }
+void PortQueue::append(const RequestChain& chain) {
+    if (!chain.first) return;
+    (tail_ ? tail_->next : head_) = chain.first;
+    tail_ = chain.last;
+    ready_ += chain.length;
 }
 
 IoRequest* PortQueue::pop() {
     IoRequest* first = head_;
     head_ = first->next;
-    if (!head_) tail_ = nullptr;
+    if (head_)
+        prefetch(head_); // another processor wrote it; its turn comes when this one has been handled
+    else
+        tail_ = nullptr;
     --ready_;
     return first;
 }

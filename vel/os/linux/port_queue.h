@@ -74,7 +74,7 @@ private:
     void come_back(RunningFor& mine);
     Wake go_out(RunningFor& mine);
     void collect();
-    void append(IoRequest* chain);
+    void append(const RequestChain& chain);
     IoRequest* pop();
     void lead(Guard& guard, const Deadline& deadline);
     void follow(Guard& guard, const Deadline& deadline);
