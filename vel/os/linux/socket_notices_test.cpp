@@ -1,0 +1,70 @@
+// Tests of edges that are older than what has happened to their socket since.
+#include <vel/os/linux/socket_notices.h>
+
+#include <mutex>
+#include <vel/os/linux/notice_sink.h>
+#include <vel/os/linux/socket_object.h>
+#include <vel/testing/completion_port_fixture.h>
+
+namespace vel::os {
+namespace {
+
+using namespace os::testing;
+
+// Fetches edges and applies them when the test says so.
+class LateSink final : public NoticeSink {
+public:
+    LateSink() { EXPECT_EQ(open(), 0); }
+
+    uint32_t bind(uint64_t socket) {
+        const Pinned<SocketObject> object(socket, HandleKind::socket);
+        const std::lock_guard bindings(bindings_lock());
+        return object->notices.bind(*this, 1, notice::all);
+    }
+
+    bool fetch_edge() {
+        const timespec patience{patience_ms / 1000, 0};
+        return fetch(&edge_, 1, &patience, fetch_) == 1;
+    }
+
+    // What the socket has recorded once the edge is applied.
+    uint32_t apply(uint64_t socket) {
+        uint64_t key = 0;
+        deliver(edge_, fetch_, key);
+        const Pinned<SocketObject> object(socket, HandleKind::socket);
+        return object->notices.take().mask;
+    }
+
+private:
+    void recorded(SocketNotices&, uint64_t) override {}
+    void retracted(uint64_t) override {}
+    void released(uint64_t) override {}
+
+    epoll_event edge_{};
+    uint64_t fetch_ = 0;
+};
+
+TEST(SocketNotices, AnEdgeThatTheSocketHasOutlivedIsNotTrusted) {
+    Address address;
+    const uint64_t listener = open_listener(address), client = open(stream);
+    LateSink sink;
+    ASSERT_EQ(sink.bind(client), error::none);
+    ASSERT_TRUE(sink.fetch_edge()); // says hung up of a socket that was never connected
+    ASSERT_EQ(connect_socket(client, &address, sizeof address), error::none);
+    EXPECT_EQ(sink.apply(client), notice::connect | notice::write);
+
+    uint64_t server = 0, moved = 0;
+    int32_t length = sizeof address;
+    char buffer[8];
+    ASSERT_EQ(accept_socket(listener, &address, length, server), error::none);
+    for (const bool outlived : {true, false}) {
+        send_text(server, "a");
+        ASSERT_TRUE(sink.fetch_edge());
+        if (outlived) receive(client, buffer, sizeof buffer, moved);
+        EXPECT_EQ(sink.apply(client), outlived ? 0 : notice::read);
+    }
+    for (const uint64_t socket : {listener, client, server}) EXPECT_EQ(close_socket(socket), error::none);
+}
+
+} // namespace
+} // namespace vel::os
