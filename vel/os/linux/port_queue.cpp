@@ -46,7 +46,7 @@ struct PortQueue::RunningFor {
 
 // The thread's note for the port, or one to write it down in.
 PortQueue::RunningFor& PortQueue::note_of_thread(uint64_t port) {
-    thread_local RunningFor notes[4];
+    static constinit thread_local RunningFor notes[4] __attribute__((tls_model("initial-exec")));
     for (RunningFor& each : notes)
         if (each.port == port) return each;
     for (RunningFor& each : notes)
@@ -87,7 +87,7 @@ uint32_t PortQueue::take(uint32_t timeout_ms, IoRequest*& request) {
             request = pop();
             const Wake wake = go_out(mine);
             guard.unlock();
-            carry_out(wake);
+            if (wake.any()) carry_out(wake);
             return error::none;
         }
         if (ready_ == 0 && (polled || !may_lead) && deadline.expired()) {
@@ -156,7 +156,7 @@ PortQueue::Wake PortQueue::go_out(RunningFor& mine) {
     ++running_;
     ++taken_;
     ++taken_since_poll_;
-    return wake_if_needed();
+    return somebody_sleeps() ? wake_if_needed() : Wake{};
 }
 
 void PortQueue::collect() {

@@ -60,6 +60,8 @@ private:
         std::atomic<uint32_t>* follower = nullptr;
         bool leader = false;
         bool watchdog = false;
+
+        bool any() const { return follower || leader || watchdog; }
     };
     using Guard = std::unique_lock<ShortLock>;
 
