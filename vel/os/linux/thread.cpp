@@ -52,6 +52,7 @@ public:
     }
 
     uint32_t start(uint32_t stack_size, uint32_t& id);
+    bool is_left_alone() const override { return false; }
     void after_wait() override;
 
     uint32_t suspend(uint32_t& previous);

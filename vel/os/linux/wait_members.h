@@ -13,6 +13,7 @@ struct WaitMember {
     uint64_t key = 0;
     SocketNotices* socket = nullptr; // null once it was closed or bound elsewhere; for events
     uint64_t event_tag = 0;          // of an event
+    bool takes_signal = false;       // of an event: a wait changes it
 };
 
 class WaitMembers {

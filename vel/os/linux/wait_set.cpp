@@ -40,7 +40,7 @@ uint32_t EpollWaitSet::bind(uint64_t key, uint64_t socket, uint32_t notices) {
         const Guard guard(lock_);
         uint32_t place = members_.find(key);
         added = place == WaitMembers::nowhere;
-        if (added) place = members_.append(key);
+        if (added) place = append(key);
         former = members_[place].socket;
         if (!former) members_[place].socket = &object->notices;
     }
@@ -66,8 +66,9 @@ uint32_t EpollWaitSet::add_event(uint64_t key, void* event) {
     const Guard guard(lock_);
     const int error_number = watch(object->descriptor(), EPOLLIN, tag);
     if (!error_number) {
-        const uint32_t place = members_.append(key);
+        const uint32_t place = append(key);
         members_[place].event_tag = tag;
+        members_[place].takes_signal = !object->is_left_alone();
         members_.events |= WaitMembers::bit(place);
         if (sleepers_ > 0) object->add_watcher();
     }
@@ -87,6 +88,11 @@ void EpollWaitSet::remove(uint64_t key) {
             if (sleepers_ > 0) event.remove_watcher();
         });
     members_.erase(place);
+}
+
+uint32_t EpollWaitSet::append(uint64_t key) {
+    last_key_.store(key, std::memory_order_release);
+    return members_.append(key);
 }
 
 SocketNotices* EpollWaitSet::socket_of(uint64_t key) {

@@ -50,6 +50,7 @@ private:
     void released(uint64_t key) override;
 
     SocketNotices* socket_of(uint64_t key);
+    uint32_t append(uint64_t key);
 
     /// Calls `use` with the event behind a tag; false when it is closed.
     template <class Use>
@@ -89,6 +90,7 @@ private:
     uint32_t epoch_ = 0;    // counts how often sleepers were given up
     bool draining_ = false;
     bool nudged_ = false;                 // a nudge is under way
+    std::atomic<uint64_t> last_key_{0};   // the largest that there was
     std::atomic<uint32_t> generation_{0}; // changes under the lock
     std::atomic<uint32_t> barrier_{0};    // likewise; threads that must not go to sleep yet wait for its next value
     Descriptor wake_{-1};

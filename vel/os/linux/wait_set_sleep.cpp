@@ -16,6 +16,8 @@ struct EpollWaitSet::Batch {
 };
 
 uint32_t EpollWaitSet::wait(uint64_t after, uint32_t generation, uint32_t timeout_ms, uint64_t& key) {
+    key = 0;
+    if (timeout_ms == 0 && after >= last_key_.load(std::memory_order_acquire)) return error::wait_timeout;
     const Deadline deadline(timeout_ms);
     Lock lock(lock_);
     uint32_t place = WaitMembers::nowhere;
@@ -24,7 +26,7 @@ uint32_t EpollWaitSet::wait(uint64_t after, uint32_t generation, uint32_t timeou
     const WaitMember found = place == WaitMembers::nowhere ? WaitMember{} : members_[place];
     lock.unlock();
     key = found.key;
-    if (found.event_tag) use_event(found.event_tag, [](Waitable& event) { event.after_wait(); });
+    if (found.takes_signal) use_event(found.event_tag, [](Waitable& event) { event.after_wait(); });
     return code;
 }
 
@@ -73,7 +75,7 @@ bool EpollWaitSet::may_be_signalled_up_to(uint32_t place) const {
 
 // An auto-reset event is taken by the wait that gives it. False when another thread was first.
 bool EpollWaitSet::take_signal(const WaitMember& member) {
-    bool taken = member.event_tag == 0;
+    bool taken = !member.takes_signal;
     if (!taken) use_event(member.event_tag, [&](Waitable& event) { taken = event.take(); });
     return taken;
 }

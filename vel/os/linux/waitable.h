@@ -46,6 +46,9 @@ public:
         return (word_.load(std::memory_order_seq_cst) & (signalled_bit | written_bit)) == written_bit;
     }
 
+    /// Whether a wait leaves the signal set and has nothing to do after it.
+    virtual bool is_left_alone() const { return manual_reset_; }
+
     /// Called once by a waiter that took the signal.
     virtual void after_wait() {}
 
