@@ -70,9 +70,10 @@ void VEL_Reactor::timers_changed(bool sooner) {
 
 bool VEL_Reactor::acquire_timer() { return !timer_role_.exchange(true); }
 
+// These need no order with what follows: whoever sees them late wakes a thread for nothing, or leaves the role alone.
 void VEL_Reactor::release_timer() {
-    timer_waits_ = false;
-    timer_role_ = false;
+    timer_waits_.store(false, std::memory_order_release);
+    timer_role_.store(false, std::memory_order_release);
 }
 
 /// The flag first: whoever makes a timer the first one after this has looked sees it and wakes this thread.
@@ -89,7 +90,7 @@ uint32_t VEL_Reactor::until_first_timer() const {
 }
 
 int VEL_Reactor::dispatch_timer() {
-    timer_waits_ = false;
+    timer_waits_.store(false, std::memory_order_release);
     if (until_first_timer() > 0) return 0;
     VEL_Guard guard(lock_);
     int dispatched = 0;
