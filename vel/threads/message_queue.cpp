@@ -24,8 +24,12 @@ VEL_Message_Queue::~VEL_Message_Queue() { close(); }
 int VEL_Message_Queue::open() {
     VEL_Guard guard(lock_);
     if (queue_) return 0;
-    std::unique_ptr<Messages> queue(new (std::nothrow) Messages);
-    if (!queue) return vel::fail(vel::error::not_enough_memory);
+    std::unique_ptr<Messages> queue;
+    try {
+        queue = std::make_unique<Messages>();
+    } catch (const std::bad_alloc&) {
+        return vel::fail(vel::error::not_enough_memory);
+    }
     void* event = nullptr;
     const uint32_t code = vel::os::create_event(true, false, event);
     if (code != vel::error::none) return vel::fail(code);
@@ -41,8 +45,12 @@ int VEL_Message_Queue::sendMessage(const VEL_Message_Block& message) {
     uint32_t sleepers = 0;
     VEL_Guard guard(lock_);
     if (!queue_) return vel::fail(vel::error::object_closed);
-    const bool was_empty = queue_->is_empty();
-    if (queue_->enqueue(message) != 0) return -1;
+    const bool was_empty = queue_->empty();
+    try {
+        queue_->push_back(message);
+    } catch (const std::bad_alloc&) {
+        return vel::fail(vel::error::not_enough_memory);
+    }
     void* event = get_event();
     if (was_empty) vel::os::mark_event(event, sleepers);
     guard.unlock();
@@ -55,8 +63,10 @@ int VEL_Message_Queue::getMessage(VEL_Message_Block& message) {
     VEL_Message_Block taken;
     {
         VEL_Guard guard(lock_);
-        if (!queue_ || queue_->dequeue(taken) != 0) return -1;
-        if (queue_->is_empty()) vel::os::reset_event(get_event());
+        if (!queue_ || queue_->empty()) return -1;
+        taken = std::move(queue_->front());
+        queue_->pop_front();
+        if (queue_->empty()) vel::os::reset_event(get_event());
     }
     message = std::move(taken);
     return 0;
@@ -71,7 +81,7 @@ void VEL_Message_Queue::reset() {
     Messages dropped;
     {
         VEL_Guard guard(lock_);
-        if (!queue_ || queue_->is_empty()) return;
+        if (!queue_ || queue_->empty()) return;
         queue_->swap(dropped);
         vel::os::reset_event(get_event());
     }

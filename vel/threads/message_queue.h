@@ -2,14 +2,13 @@
 #pragma once
 
 #include <atomic>
+#include <deque>
 #include <memory>
-#include <vel/memory/queue.h>
+#include <vel/buffers/message_block.h>
 #include <vel/reactor/event_handler.h>
 #include <vel/sync/mutex.h>
 #include <vel/sync/thread_safety.h>
 #include <vel/types.h>
-
-class VEL_Message_Block;
 
 /// First-in first-out queue of messages with an event that is set exactly while messages are queued.
 ///
@@ -71,7 +70,7 @@ public:
     virtual int handle_message(VEL_Message_Block& message);
 
 private:
-    using Messages = VEL_Queue<VEL_Message_Block>;
+    using Messages = std::deque<VEL_Message_Block>; // a node for each message would double what a message costs
 
     static void refuse(Messages& messages);
 
