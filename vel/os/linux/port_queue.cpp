@@ -11,7 +11,7 @@ namespace vel::os {
 namespace {
 
 // More than this many requests a thread that is awake are worth waking another one.
-constexpr uint32_t backlog_per_thread = 4;
+constexpr uint32_t backlog_per_thread = 8;
 
 // A busy port looks for new readiness after this many requests, or a handle that is always ready starves the others.
 constexpr uint32_t takes_per_poll = 128;
