@@ -109,7 +109,6 @@ TEST_F(Task, MessagesAreRefusedByWhatCannotHandleThem) {
     EXPECT_EQ(manager_->wait(thread, long_ms), 0);
 }
 
-// With one thread that stands still the messages wait; nothing is lost, and the first to run takes them.
 TEST_F(Task, ASuspendedThreadServesWhenItIsResumed) {
     const VEL_thread_t thread = spawn(1);
     VEL_Message_Block question = message(true);
@@ -117,15 +116,17 @@ TEST_F(Task, ASuspendedThreadServesWhenItIsResumed) {
     expect_failure(error::wait_timeout, question.wait(20));
     EXPECT_EQ(manager_->resume(thread), 1);
     EXPECT_EQ(question.wait(long_ms), 1);
-#if !defined(__SANITIZE_THREAD__) // delays the signal that suspends
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the thread sanitizer delays the signal that suspends";
+#endif
     EXPECT_EQ(manager_->suspend(thread), 0);
     EXPECT_EQ(manager_->thr_state(thread), THR_SUSPENDED);
     question = message(true);
-    EXPECT_EQ(task_->sendMessage(question), 0);
+    EXPECT_EQ(manager_->sendMessage(thread, question),
+              0); // it has taken the only message and holds no lock of the queue
     expect_failure(error::wait_timeout, question.wait(20));
     EXPECT_EQ(manager_->resume(1), 0);
     EXPECT_EQ(question.wait(long_ms), 2);
-#endif
 }
 
 TEST_F(Task, ASpawnThatFailsLeavesNothing) {
@@ -283,9 +284,6 @@ struct Leaver : VEL_Event_Handler_Impl<VEL_Reference_Counter_Sync> {
 
 TEST_F(Task, HandlersAreToldOfTheirEndWithNoLockHeld) {
     for (int way = 0; way < 3; ++way) {
-#if defined(__SANITIZE_THREAD__)
-        if (way == 2) continue; // never joins a killed thread
-#endif
         auto* leaver = new Leaver(*manager_);
         const VEL_thread_t thread = spawn(way == 2 ? 1 : 0);
         EXPECT_EQ(manager_->register_handler(thread, leaver, leaver->event, VEL_SIGNAL_EVENT), 0);

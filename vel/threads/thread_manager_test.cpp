@@ -133,6 +133,38 @@ TEST_F(ThreadManager, SuspendsKillsAndForgets) {
     EXPECT_EQ(os::open_handle_count(), before);
 }
 
+// The event is not the manager's: a thread that blocks stands still, goes on and ends wherever it waits.
+TEST_F(ThreadManager, SuspendsAndKillsWhatBlocks) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the thread sanitizer delays signals and never joins a killed thread";
+#endif
+    static void* event;
+    ASSERT_EQ(os::create_event(false, false, event), error::none);
+    const auto block = [](void* argument) {
+        auto* work = static_cast<Work*>(argument);
+        while (++work->started, os::wait_handle(event, long_ms) == error::none) {
+        }
+        return 1;
+    };
+    const uint64_t handles = os::open_handle_count();
+    const VEL_thread_t thread = spawn(block);
+    while (work_.started == 0) std::this_thread::yield();
+    EXPECT_EQ(manager_.suspend(thread), 0);
+    EXPECT_EQ(manager_.suspend(thread), 1);
+    os::set_event(event);
+    expect_error([&] { return manager_.wait(thread, short_ms); }, error::wait_timeout);
+    EXPECT_EQ(work_.started, 1);
+    EXPECT_EQ(manager_.thr_state(thread), THR_SUSPENDED);
+    EXPECT_EQ(manager_.resume(thread), 2);
+    EXPECT_EQ(manager_.resume(thread), 1);
+    EXPECT_EQ(manager_.thr_state(thread), THR_RUNNING);
+    while (work_.started == 1) std::this_thread::yield();
+    EXPECT_EQ(manager_.kill(thread, 7), 0);
+    EXPECT_EQ(manager_.thr_count(), 0u);
+    EXPECT_EQ(os::open_handle_count(), handles);
+    os::close_handle(event);
+}
+
 TEST_F(ThreadManager, JoinsAndWaitsForTheSameThreadsRace) {
     const uint64_t before = os::open_handle_count();
     for (int round = 0; round < 30; ++round) {
