@@ -32,7 +32,6 @@ protected:
     }
 
     void bind(uint64_t socket, uint32_t notices) { ASSERT_EQ(bind_window(socket, window_, number, notices), 0u); }
-
     void expect_next(uint64_t socket, uint32_t notice) {
         WindowMessage message{};
         EXPECT_EQ(get_message(window_, message, patience_ms), error::none);
