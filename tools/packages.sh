@@ -4,7 +4,7 @@
 purposes=(build check bench clang docs)
 declare -A packages=(
     [build]="g++ cmake ninja-build ccache libgtest-dev libgmock-dev"
-    [check]="python3 clang-format"
+    [check]="python3 clang-format libglib2.0-dev"
     [bench]="libbenchmark-dev libssl-dev libasio-dev libuv1-dev libevent-dev libprotobuf-dev protobuf-compiler
              libmsgpack-cxx-dev libcereal-dev libspdlog-dev pkg-config python3 strace"
     [clang]="clang clang-tidy llvm libclang-rt-14-dev"
