@@ -385,6 +385,39 @@ TEST_F(WaitSets, SleepersLearnOfMembersThatAreAddedAndOfEvents) {
     close_handle(event);
 }
 
+// The event of a queue, served by four threads. Who takes every third item is busy until another one is taken: that
+// must not keep the others from an event that is set.
+TEST_F(WaitSets, AnEventThatStaysSetFreesTheNextThread) {
+    constexpr int items = 5000;
+    void* event = nullptr;
+    ASSERT_EQ(create_event(true, false, event), error::none);
+    ASSERT_EQ(set_->add_event(1, event), error::none);
+    std::mutex lock;
+    int queued = 0;
+    Tally taken;
+    const auto serve = [&] {
+        while (next() == 1 && taken.count() < items) {
+            std::unique_lock guard(lock);
+            if (queued == 0) continue;
+            if (--queued == 0 && taken.count() + 1 < items) reset_event(event);
+            taken.add();
+            const int64_t mine = taken.count();
+            guard.unlock();
+            if (mine % 3 != 0 || mine > items - 4) continue;
+            EXPECT_TRUE(taken.reaches(mine + 1));
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) threads.emplace_back(serve);
+    for (int sent = 0; sent < items; ++sent) {
+        const std::lock_guard guard(lock);
+        if (queued++ == 0) set_event(event);
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(taken.count(), items);
+    close_handle(event);
+}
+
 // Sockets, sets and bindings end in any order, at the same time.
 TEST_F(WaitSets, SocketsAndSetsMayEndTogether) {
     for (int round = 0; round < 100; ++round) {

@@ -64,7 +64,7 @@ uint32_t EpollWaitSet::add_event(uint64_t key, void* event) {
     if (!object) return error::invalid_handle;
     const uint64_t tag = own_tag | tag_of(*object);
     const Guard guard(lock_);
-    const int error_number = watch(object->descriptor(), EPOLLIN, tag);
+    const int error_number = watch(object->descriptor(), EPOLLIN | EPOLLET, tag);
     if (!error_number) {
         const uint32_t place = append(key);
         members_[place].event_tag = tag;

@@ -14,10 +14,10 @@ namespace vel::os {
 /// Threads sleep in one epoll. Each socket is registered there once; in the steady state a notice costs the shared wait
 /// and what its reader does.
 ///
-/// Whom a signal frees. The kernel hands an edge to one sleeper and a readable event to one after the other. What
-/// a thread finds beyond the member that it gives to its caller, and what calls on sockets record, frees another
-/// sleeper by a nudge: an edge of a descriptor that nobody reads. At most one nudge is under way, and whoever leaves
-/// a wait passes on what is left, so none is lost and no herd comes.
+/// Whom a signal frees. The kernel hands an edge to one sleeper, of an event as of a socket. What a thread finds beyond
+/// the member that it gives to its caller, an event that stays signalled, and what calls on sockets record, frees
+/// another sleeper by a nudge: an edge of a descriptor that nobody reads. At most one nudge is under way, and whoever
+/// leaves a wait passes on what is left, so none is lost and no herd comes.
 ///
 /// Wake-ups. `wake` counts a generation up and makes a level-triggered descriptor readable, which frees all sleepers.
 /// Until the last of them has left and read it (`draining_`), nobody goes to sleep.
@@ -76,7 +76,7 @@ private:
     uint32_t mark(uint64_t key);
 
     void settle_event(uint64_t tag);
-    void prepare_events();
+    bool await_events();
     void last_sleeper_left();
     void await_drain(Lock& lock, const Deadline& deadline);
     void free_barred();

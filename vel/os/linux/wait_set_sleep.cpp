@@ -90,13 +90,14 @@ void EpollWaitSet::look(Lock& lock) {
 }
 
 void EpollWaitSet::sleep(Lock& lock, const Deadline& deadline) {
+    constexpr timespec at_once{};
     const uint32_t epoch = epoch_;
     ++sleepers_;
-    prepare_events();
+    const bool idle = !await_events();
     Batch batch;
     timespec left;
     lock.unlock();
-    fetch_batch(deadline.remaining(left), batch);
+    fetch_batch(idle ? deadline.remaining(left) : &at_once, batch);
     lock.lock();
     apply(batch);
     if (epoch == epoch_ && --sleepers_ == 0) last_sleeper_left();
@@ -125,9 +126,9 @@ void EpollWaitSet::apply(const Batch& batch) {
     if (batch.nudged) nudged_ = false;
 }
 
-// A closed event whose descriptor somebody else keeps open would end every wait at once, so it is taken out.
+// A closed event whose descriptor somebody else keeps open has no place in the epoll any more.
 void EpollWaitSet::settle_event(uint64_t tag) {
-    if (use_event(tag, [](Waitable& event) { event.settle(); })) return;
+    if (use_event(tag, [](Waitable& event) { event.await_edge(); })) return;
     const Guard guard(lock_);
     bool reused = false;
     for_each_place(members_.events, [&](uint32_t place) {
@@ -137,14 +138,17 @@ void EpollWaitSet::settle_event(uint64_t tag) {
     if (!reused) forget(descriptor_of(tag));
 }
 
-// A signal that is gone leaves its descriptor readable; one read here saves a round of the wait.
-void EpollWaitSet::prepare_events() {
+// Watched for edges, a signal that comes and goes costs one write and no read of its descriptor. True when an event is
+// signalled already: its edge may have gone to another thread, so nobody sleeps.
+bool EpollWaitSet::await_events() {
+    bool signalled = false;
     for_each_place(members_.events, [&](uint32_t place) {
-        use_event(members_[place].event_tag, [this](Waitable& event) {
-            if (event.stale()) event.settle();
+        use_event(members_[place].event_tag, [&](Waitable& event) {
             if (sleepers_ == 1) event.add_watcher();
+            signalled |= event.await_edge();
         });
     });
+    return signalled;
 }
 
 void EpollWaitSet::last_sleeper_left() {
@@ -190,9 +194,16 @@ void EpollWaitSet::nudge_one() {
     ::eventfd_write(nudge_.get(), 1);
 }
 
+// An edge goes to one thread only. While its event stays signalled it is there for the sleepers too; once it is not,
+// the next signal makes an edge again.
 void EpollWaitSet::pass_on(uint32_t given) {
+    if (sleepers_ == 0) return;
     const uint64_t mine = given == WaitMembers::nowhere ? 0 : WaitMembers::bit(given);
-    if (members_.ready_sockets() & ~mine) nudge_one();
+    bool more = (members_.ready_sockets() & ~mine) != 0;
+    for_each_place(members_.events, [&](uint32_t place) {
+        use_event(members_[place].event_tag, [&](Waitable& event) { more |= event.await_edge(); });
+    });
+    if (more) nudge_one();
 }
 
 void EpollWaitSet::wake() {

@@ -62,16 +62,22 @@ void Waitable::add_watcher() {
     if ((next & written_bit) && !(word & written_bit)) write_descriptor();
 }
 
-// A set that comes after the bit was cleared sets it again and writes. The read may swallow that write, so the bit is
-// looked at once more after it. Whoever reads last of several settling threads sees the bit and writes for all.
-bool Waitable::settle() {
+bool Waitable::await_edge() {
     uint32_t word = word_.load(std::memory_order_seq_cst);
     do {
         if (word & signalled_bit) return true;
-    } while (!word_.compare_exchange_weak(word, word & ~written_bit, std::memory_order_seq_cst));
+    } while ((word & written_bit) &&
+             !word_.compare_exchange_weak(word, word & ~written_bit, std::memory_order_seq_cst));
+    return false;
+}
+
+// A set that comes after the bit was cleared sets it again and writes. The read may swallow that write, so the bit is
+// looked at once more after it. Whoever reads last of several settling threads sees the bit and writes for all.
+bool Waitable::settle() {
+    if (await_edge()) return true;
     eventfd_t count;
     ::eventfd_read(descriptor(), &count);
-    word = word_.load(std::memory_order_seq_cst);
+    const uint32_t word = word_.load(std::memory_order_seq_cst);
     if (word & written_bit) write_descriptor();
     return (word & signalled_bit) != 0;
 }

@@ -41,10 +41,9 @@ public:
     /// Whether the signal is set; when it is not, a stale descriptor is made unreadable again.
     bool settle();
 
-    /// Whether the descriptor is readable though the signal is not set.
-    bool stale() const {
-        return (word_.load(std::memory_order_seq_cst) & (signalled_bit | written_bit)) == written_bit;
-    }
+    /// For a watcher of edges, whom a readable descriptor does not disturb: whether the signal is set; when it is not,
+    /// the next set writes the descriptor.
+    bool await_edge();
 
     /// Whether a wait leaves the signal set and has nothing to do after it.
     virtual bool is_left_alone() const { return manual_reset_; }
