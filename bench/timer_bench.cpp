@@ -1,4 +1,5 @@
-// Timers of the proactor against Asio, libuv and libevent: schedule and cancel, schedule and fire, among live timers.
+// Timers of proactor and reactor against Asio, libuv and libevent: schedule and cancel, schedule and fire, among live
+// timers.
 //
 // The live timers are due in one to two hours. VEL's queue is ordered by contract, locked and counted; the peers' are
 // used from their loop's thread alone.
@@ -59,6 +60,39 @@ private:
     };
 
     VEL_Proactor proactor_;
+    Handler* handler_;
+    Far far_;
+};
+
+class ReactorTimers {
+public:
+    explicit ReactorTimers(int64_t live) : handler_(new Handler) {
+        if (VELLib::initialize() != 0) std::abort();
+        for (int64_t i = 0; i < live; ++i) reactor_.schedule_timer(handler_, far_.next_ms());
+    }
+    ~ReactorTimers() {
+        reactor_.close();
+        handler_->release();
+    }
+
+    void schedule_and_cancel() { reactor_.cancel_timer(reactor_.schedule_timer(handler_, far_.next_ms()), true); }
+
+    void schedule_and_fire() {
+        handler_->fired = 0;
+        for (int i = 0; i < fired_per_round; ++i) reactor_.schedule_timer(handler_, 0);
+        while (handler_->fired < fired_per_round) reactor_.handle_event(VEL_INFINITE);
+    }
+
+private:
+    struct Handler : VEL_Event_Handler_Impl<VEL_Reference_Counter_Global_Sync> {
+        int fired = 0;
+        int handle_timeout(int32_t, uint32_t&, VEL_Reactor*) override {
+            ++fired;
+            return -1;
+        }
+    };
+
+    VEL_Reactor reactor_;
     Handler* handler_;
     Far far_;
 };
@@ -227,6 +261,7 @@ void add(const std::string& name) {
 
 const bool added = [] {
     add<VelTimers>("vel");
+    add<ReactorTimers>("vel_reactor");
     add<AsioTimers>("asio");
     add<UvTimers>("libuv");
     add<EventTimers>("libevent");
