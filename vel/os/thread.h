@@ -20,7 +20,8 @@ uint32_t suspend_thread(void* handle, uint32_t& previous_count);
 uint32_t resume_thread(void* handle, uint32_t& previous_count);
 
 /// Ends the thread without unwinding. One still at its gate never runs its entry. The handle is signalled. A named
-/// mutex that the thread held is handed on as abandoned; other locks stay locked.
+/// mutex that the thread held is handed on as abandoned, and a byte range that it waited for is free for others; other
+/// locks stay locked.
 /// Errors: 5 when the caller names itself or the thread has ended, 6, 258 when the thread could not be stopped within a
 /// second: it ends as soon as it can.
 uint32_t terminate_thread(void* handle, uint32_t exit_code);

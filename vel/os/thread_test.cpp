@@ -190,7 +190,7 @@ TYPED_TEST(Threads, AKilledWaiterLeavesTheLockToOthers) {
         ASSERT_EQ(lock_range(files[0], 0, 1, false), error::none);
         kill_while([file] { lock_range(file, 0, 1, true); });
         EXPECT_EQ(unlock_range(files[0], 0, 1), error::none);
-        EXPECT_EQ(lock_range(files[0], 0, 1, false) + unlock_range(files[0], 0, 1), error::none);
+        for (void* each : files) EXPECT_EQ(lock_range(each, 0, 1, false) + unlock_range(each, 0, 1), error::none);
     }
 }
 

@@ -13,6 +13,7 @@
 #include <vel/os/linux/error.h>
 #include <vel/os/linux/file_object.h>
 #include <vel/os/linux/futex.h>
+#include <vel/os/thread.h>
 
 namespace vel::os {
 namespace {
@@ -58,7 +59,7 @@ uint32_t ByteLocks::unlock(int descriptor, uint64_t offset, uint64_t length) {
     if (length == 0) return error::none;
     const std::lock_guard hold(mutex_);
     const auto range = find(offset, length);
-    if (range == ranges_.end() || !range->granted) return error::not_locked;
+    if (range == ranges_.end() || !range->granted()) return error::not_locked;
     unlock_in_kernel(descriptor, offset, length);
     ranges_.erase(range);
     announce();
@@ -69,7 +70,18 @@ void ByteLocks::close(int descriptor) {
     const std::lock_guard hold(mutex_);
     closed_ = true;
     for (const Range& range : ranges_)
-        if (range.granted) unlock_in_kernel(descriptor, range.offset, range.length);
+        if (range.granted()) unlock_in_kernel(descriptor, range.offset, range.length);
+    announce();
+}
+
+// The kernel may have granted it just before the thread ended.
+void ByteLocks::abandon(int descriptor, uint32_t thread_id) {
+    const std::lock_guard hold(mutex_);
+    const auto range = std::find_if(ranges_.begin(), ranges_.end(),
+                                    [thread_id](const Range& each) { return each.waiter == thread_id; });
+    if (range == ranges_.end()) return;
+    unlock_in_kernel(descriptor, range->offset, range->length);
+    ranges_.erase(range);
     announce();
 }
 
@@ -87,7 +99,7 @@ uint32_t ByteLocks::reserve(uint64_t offset, uint64_t length, bool wait) {
     }
     if (closed_) return error::invalid_handle;
     try {
-        ranges_.push_back({offset, length, false});
+        ranges_.push_back({offset, length, current_thread_id()});
     } catch (const std::bad_alloc&) {
         return error::not_enough_memory;
     }
@@ -102,7 +114,7 @@ uint32_t ByteLocks::settle(int descriptor, uint64_t offset, uint64_t length, uin
         code = error::invalid_handle;
     }
     if (code == error::none) {
-        range->granted = true;
+        range->waiter = 0;
     } else {
         ranges_.erase(range);
         announce();

@@ -25,11 +25,16 @@ public:
     /// Unlocks everything and lets every waiter end with 6.
     void close(int descriptor);
 
+    /// Takes back the range that a killed thread waited for.
+    void abandon(int descriptor, uint32_t thread_id);
+
 private:
     struct Range {
         uint64_t offset;
         uint64_t length;
-        bool granted;
+        uint32_t waiter; // thread that asks the kernel for it; 0 once granted
+
+        bool granted() const { return waiter == 0; }
     };
 
     uint32_t reserve(uint64_t offset, uint64_t length, bool wait);

@@ -18,6 +18,8 @@ public:
         locks_.close(descriptor());
     }
 
+    void abandon(uint32_t thread_id) override { locks_.abandon(descriptor(), thread_id); }
+
     PortBinding* port_binding() override { return &port_; }
 
     ByteLocks& locks() { return locks_; }

@@ -26,6 +26,9 @@ public:
     /// Called once when the handle is closed, while calls may still use the object: ends what waits inside them.
     virtual void detach() {}
 
+    /// A thread was ended by force inside a call that uses the object: gives back what it had claimed there.
+    virtual void abandon(uint32_t /*thread_id*/) {}
+
     /// What a completion port keeps for this handle; null for kinds that cannot be associated.
     virtual PortBinding* port_binding() { return nullptr; }
 

@@ -275,10 +275,13 @@ void ThreadObject::end_here() {
     while (true) ::syscall(SYS_exit, 0);
 }
 
-// Gives back the pins that a killed thread held, so that what it waited for can be closed.
+// Gives back what a killed thread had claimed and its pins, so that others can have and close what it waited for.
 void ThreadObject::adopt_orphans() {
     const int count = orphan_count_.exchange(0, std::memory_order_acquire);
-    for (int i = 0; i < count; ++i) HandleTable::unpin(orphans_[i]);
+    for (int i = 0; i < count; ++i) {
+        orphans_[i]->abandon(id_.load(std::memory_order_relaxed));
+        HandleTable::unpin(orphans_[i]);
+    }
 }
 
 uint32_t ThreadObject::resume(uint32_t& previous) {
