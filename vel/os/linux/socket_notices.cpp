@@ -64,8 +64,7 @@ uint32_t SocketNotices::bind(NoticeSink& sink, uint64_t key, uint32_t wanted) {
         key_ = key;
         sink_.store(&sink, std::memory_order_relaxed);
     }
-    const Change change(*this);
-    if (closed_) return error::not_a_socket;
+    const Change change(*this); // a close that comes from here on ends the binding
     const uint32_t kept = wanted & once_only;
     reported_ &= ~(recorded_.fetch_and(kept) & ~kept); // what nobody has taken was not delivered
     withdrawn_ = true;

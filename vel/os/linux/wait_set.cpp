@@ -34,20 +34,15 @@ uint32_t EpollWaitSet::bind(uint64_t key, uint64_t socket, uint32_t notices) {
     const Pinned<SocketObject> object(socket, HandleKind::socket);
     if (!object) return error::not_a_socket;
     const std::lock_guard bindings(bindings_lock());
+    SocketNotices* former = socket_of(key);
+    if (former && former != &object->notices) former->unbind();
     bool added = false;
-    SocketNotices* former = nullptr;
     {
         const Guard guard(lock_);
         uint32_t place = members_.find(key);
         added = place == WaitMembers::nowhere;
         if (added) place = append(key);
-        former = members_[place].socket;
-        if (!former) members_[place].socket = &object->notices;
-    }
-    if (former && former != &object->notices) {
-        former->unbind();
-        const Guard guard(lock_);
-        members_[members_.find(key)].socket = &object->notices;
+        members_[place].socket = &object->notices;
     }
     const uint32_t code = object->notices.bind(*this, key, notices);
     if (!code) return code;

@@ -75,7 +75,6 @@ private:
     void apply(const Batch& batch);
     uint32_t mark(uint64_t key);
 
-    void settle_event(uint64_t tag);
     bool await_events();
     void last_sleeper_left();
     void await_drain(Lock& lock, const Deadline& deadline);

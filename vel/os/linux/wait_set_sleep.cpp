@@ -110,12 +110,8 @@ void EpollWaitSet::fetch_batch(const timespec* timeout, Batch& batch) {
     const int count = fetch(edges, room, timeout, number);
     for (int index = 0; index < count; ++index) {
         const uint64_t tag = edges[index].data.u64;
-        if (tag == nudge_tag)
-            batch.nudged = true;
-        else if (tag == wake_tag)
-            continue;
-        else if (tag & own_tag)
-            settle_event(tag);
+        if (tag & own_tag)
+            batch.nudged |= tag == nudge_tag; // events and wake-ups are looked at under the lock
         else if (deliver(edges[index], number, batch.keys[batch.count]))
             ++batch.count;
     }
@@ -124,18 +120,6 @@ void EpollWaitSet::fetch_batch(const timespec* timeout, Batch& batch) {
 void EpollWaitSet::apply(const Batch& batch) {
     for (uint32_t index = 0; index < batch.count; ++index) mark(batch.keys[index]);
     if (batch.nudged) nudged_ = false;
-}
-
-// A closed event whose descriptor somebody else keeps open has no place in the epoll any more.
-void EpollWaitSet::settle_event(uint64_t tag) {
-    if (use_event(tag, [](Waitable& event) { event.await_edge(); })) return;
-    const Guard guard(lock_);
-    bool reused = false;
-    for_each_place(members_.events, [&](uint32_t place) {
-        const uint64_t other = members_[place].event_tag;
-        reused |= other != tag && descriptor_of(other) == descriptor_of(tag);
-    });
-    if (!reused) forget(descriptor_of(tag));
 }
 
 // Watched for edges, a signal that comes and goes costs one write and no read of its descriptor. True when an event is
