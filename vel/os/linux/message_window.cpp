@@ -117,14 +117,6 @@ uint32_t WindowObject::post(const WindowMessage& message) {
     return append(message);
 }
 
-bool WindowObject::post_notice(const WindowMessage& message) {
-    const std::lock_guard guard(lock_);
-    const uint32_t code = append(message);
-    if (code == error::none || code == error::invalid_window) return true;
-    notices_wait_ = true;
-    return false;
-}
-
 uint32_t WindowObject::append(const WindowMessage& message) {
     if (gone_) return error::invalid_window;
     if (messages_.size() == window_queue_capacity) return error::not_enough_quota;
@@ -159,11 +151,18 @@ uint32_t WindowObject::remove_oldest(WindowMessage& message) {
     if (messages_.empty()) return error::wait_timeout;
     message = messages_.front();
     messages_.pop_front();
-    if (messages_.empty()) {
-        eventfd_t count;
-        ::eventfd_read(descriptor(), &count);
-    }
+    clear_descriptor_if_empty();
     return error::none;
+}
+
+void WindowObject::drop_newest() {
+    messages_.pop_back();
+    clear_descriptor_if_empty();
+}
+
+void WindowObject::clear_descriptor_if_empty() {
+    eventfd_t count;
+    if (messages_.empty()) ::eventfd_read(descriptor(), &count);
 }
 
 uint32_t create_window(WindowProcedure procedure, void* context, HWND& window) {

@@ -3,6 +3,7 @@
 
 #include <deque>
 #include <mutex>
+#include <vel/os/error_codes.h>
 #include <vel/os/linux/handle_table.h>
 #include <vel/os/message_window.h>
 
@@ -22,8 +23,17 @@ public:
     /// Errors: 1400, 1816, 8.
     uint32_t post(const WindowMessage& message);
 
-    /// `post` for the notifier: false when there is no room, and then the notifier is told when there is.
-    bool post_notice(const WindowMessage& message);
+    /// Queues what `fill` makes of a message; nothing when it returns false. False when there is no room: then `fill` was
+    /// not called, and the notifier is told when there is.
+    template <class Fill>
+    bool post_notice(Fill fill) {
+        const std::lock_guard guard(lock_);
+        const uint32_t code = append({});
+        if (code == error::none && !fill(messages_.back())) drop_newest();
+        const bool full = code != error::none && code != error::invalid_window;
+        notices_wait_ |= full;
+        return !full;
+    }
 
     /// Takes the oldest message, or copies it. Errors: 258 when there is none, 1400.
     uint32_t take(WindowMessage& message);
@@ -38,6 +48,8 @@ public:
 private:
     uint32_t append(const WindowMessage& message);
     uint32_t remove_oldest(WindowMessage& message);
+    void drop_newest();
+    void clear_descriptor_if_empty();
 
     const void* const owner_; // the creating thread's list of windows
     std::mutex lock_;         // guards what follows

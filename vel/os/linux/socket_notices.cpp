@@ -47,9 +47,9 @@ private:
     const Guard guard_;
 };
 
-Notices SocketNotices::take() {
+Notices SocketNotices::take(uint32_t notices) {
     Notices taken;
-    taken.mask = recorded_.exchange(0, std::memory_order_acq_rel);
+    taken.mask = recorded_.fetch_and(~notices, std::memory_order_acq_rel) & notices;
     if (taken.mask & notice::connect) taken.connect_error = connect_error_.load(std::memory_order_relaxed);
     if (taken.mask & notice::close) taken.close_error = close_error_.load(std::memory_order_relaxed);
     return taken;

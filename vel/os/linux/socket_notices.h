@@ -35,8 +35,10 @@ public:
 
     /// For sinks. What is recorded can be asked and taken under a lock that `NoticeSink::released` takes too: then the
     /// socket is still there. The rest wants the lock of all bindings.
-    bool has_recorded() const { return recorded_.load(std::memory_order_relaxed) != 0; }
-    Notices take();
+    bool has_recorded(uint32_t notices = notice::all) const {
+        return (recorded_.load(std::memory_order_relaxed) & notices) != 0;
+    }
+    Notices take(uint32_t notices = notice::all);
     uint32_t bind(NoticeSink& sink, uint64_t key, uint32_t wanted);
     void unbind();
 

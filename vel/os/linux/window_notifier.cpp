@@ -20,17 +20,9 @@ constexpr uint32_t posting_order[] = {notice::accept, notice::connect, notice::w
 uint64_t key_of(const SocketNotices* socket) { return reinterpret_cast<uint64_t>(socket); }
 SocketNotices* socket_of(uint64_t key) { return reinterpret_cast<SocketNotices*>(key); }
 
-void add(Notices& waiting, const Notices& taken) {
-    waiting.mask |= taken.mask;
-    if (taken.mask & notice::connect) waiting.connect_error = taken.connect_error;
-    if (taken.mask & notice::close) waiting.close_error = taken.close_error;
-}
-
-int64_t word_of(uint32_t notice, const Notices& taken) {
-    const uint32_t error = notice == notice::connect ? taken.connect_error
-                           : notice == notice::close ? taken.close_error
-                                                     : error::none;
-    return int64_t{(error & 0xFFFF) << 16 | notice};
+int64_t word_of(const Notices& one) {
+    const uint32_t error = one.connect_error | one.close_error;
+    return int64_t{(error & 0xFFFF) << 16 | one.mask};
 }
 
 } // namespace
@@ -43,26 +35,21 @@ WindowNotifier& WindowNotifier::instance() {
 uint32_t WindowNotifier::bind(SocketObject& socket, WindowObject& window, uint32_t message, uint32_t notices) {
     const std::lock_guard bindings(bindings_lock());
     if (window.is_gone()) return error::invalid_window; // one that goes from here on ends the binding
-    uint32_t code = enter(socket, window, message, notices);
+    uint32_t code = enter(socket, window, message);
     if (code != error::none) return code;
     const uint64_t key = key_of(&socket.notices);
     code = socket.notices.bind(*this, key, notices);
-    if (code != error::none) released(key);
+    if (code == error::none)
+        recorded(socket.notices, key); // also what has found the queue of the window before full
+    else
+        released(key);
     return code;
 }
 
-// A socket that is bound here already keeps its place, so that a connect or close that waits is not lost; whatever else
-// waits is looked at anew.
-uint32_t WindowNotifier::enter(SocketObject& socket, WindowObject& window, uint32_t message, uint32_t notices) {
+uint32_t WindowNotifier::enter(SocketObject& socket, WindowObject& window, uint32_t message) {
     const std::lock_guard guard(lock_);
     try {
-        Binding& binding = bindings_[&socket.notices];
-        const uint32_t waiting = binding.waiting.mask & notices & (notice::connect | notice::close);
-        binding.window = &window;
-        binding.message = message;
-        binding.socket = reinterpret_cast<uint64_t>(to_handle(socket.descriptor()));
-        binding.waiting.mask = waiting;
-        post(binding);
+        bindings_[&socket.notices] = {&window, message, reinterpret_cast<uint64_t>(to_handle(socket.descriptor()))};
     } catch (const std::bad_alloc&) {
         return error::not_enough_memory;
     }
@@ -124,24 +111,24 @@ void WindowNotifier::released(uint64_t key) {
 
 void WindowNotifier::post_recorded(SocketNotices* socket) {
     const auto found = bindings_.find(socket);
-    if (found == bindings_.end()) return; // released meanwhile
-    add(found->second.waiting, socket->take());
-    post(found->second);
+    if (found != bindings_.end()) post(*socket, found->second); // not released meanwhile
 }
 
-void WindowNotifier::post(Binding& binding) {
+void WindowNotifier::post(SocketNotices& socket, const Binding& binding) {
     for (const uint32_t notice : posting_order) {
-        if (!(binding.waiting.mask & notice)) continue;
-        const int64_t word = word_of(notice, binding.waiting);
-        if (!binding.window->post_notice({binding.message, binding.socket, word})) return;
-        binding.waiting.mask &= ~notice;
+        const auto fill = [&](WindowMessage& message) {
+            const Notices taken = socket.take(notice); // nothing when it was withdrawn meanwhile
+            message = {binding.message, binding.socket, word_of(taken)};
+            return taken.mask != 0;
+        };
+        if (socket.has_recorded(notice) && !binding.window->post_notice(fill)) return;
     }
 }
 
 void WindowNotifier::post_waiting(const WindowObject& window) {
     const std::lock_guard guard(lock_);
     for (auto& [socket, binding] : bindings_)
-        if (binding.window == &window) post(binding);
+        if (binding.window == &window) post(*socket, binding);
 }
 
 void WindowNotifier::unbind(SocketObject& socket) {

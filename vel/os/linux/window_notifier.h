@@ -16,8 +16,7 @@ class WindowObject;
 /// Its thread runs while a socket is bound and hands edges to their sockets. What a call on a socket brings to light is
 /// posted by the thread that makes the call.
 /// Invariants, under the lock: exactly the sockets that are bound here have a binding, under the address of their
-/// notices; a notice that was taken from its socket and found the window's queue full waits in the binding, and then
-/// the window says when there is room.
+/// notices; a notice that finds the window's queue full stays recorded, and then the window says when there is room.
 /// Locks: that of all bindings, the socket's, this one's, the window's.
 class WindowNotifier final : public NoticeSink {
 public:
@@ -35,7 +34,7 @@ public:
     void post_waiting(const WindowObject& window);
 
     void recorded(SocketNotices& socket, uint64_t key) override;
-    void retracted(uint64_t) override {} // what is recorded is taken at once
+    void retracted(uint64_t) override {} // what is not posted yet can be taken no more
     void released(uint64_t key) override;
 
 private:
@@ -43,14 +42,13 @@ private:
         WindowObject* window; // which ends the binding before it is destroyed
         uint32_t message;
         uint64_t socket; // the handle
-        Notices waiting; // taken from the socket and not posted yet
     };
 
-    uint32_t enter(SocketObject& socket, WindowObject& window, uint32_t message, uint32_t notices);
+    uint32_t enter(SocketObject& socket, WindowObject& window, uint32_t message);
     uint32_t start();
     bool serve();
     void post_recorded(SocketNotices* socket);
-    static void post(Binding& binding);
+    static void post(SocketNotices& socket, const Binding& binding);
     SocketNotices* bound_to(const WindowObject& window);
 
     std::mutex lock_; // guards what follows
