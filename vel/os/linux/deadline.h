@@ -9,18 +9,18 @@ namespace vel::os {
 /// A point on the monotonic clock, or never. The tick's test offset does not move it.
 class Deadline {
 public:
-    /// @param timeout_ms  from now; VEL_INFINITE never ends
+    /// @param timeout_ms  from now; VEL_INFINITE never ends. 0 has passed already, and is not worth a look at the clock
     explicit Deadline(uint32_t timeout_ms) : infinite_(timeout_ms == VEL_INFINITE) {
-        if (!infinite_) end_ns_ = now_ns() + int64_t{timeout_ms} * 1000000;
+        if (!infinite_ && timeout_ms != 0) end_ns_ = now_ns() + int64_t{timeout_ms} * 1000000;
     }
 
     bool infinite() const { return infinite_; }
-    bool expired() const { return !infinite_ && now_ns() >= end_ns_; }
+    bool expired() const { return !infinite_ && (end_ns_ == 0 || now_ns() >= end_ns_); }
 
     /// What is left, for calls that take a relative time; null when there is no end. Zero once expired.
     const timespec* remaining(timespec& storage) const {
         if (infinite_) return nullptr;
-        const int64_t left = end_ns_ - now_ns();
+        const int64_t left = end_ns_ == 0 ? 0 : end_ns_ - now_ns();
         storage.tv_sec = left > 0 ? left / 1000000000 : 0;
         storage.tv_nsec = left > 0 ? left % 1000000000 : 0;
         return &storage;
@@ -34,7 +34,7 @@ private:
     }
 
     bool infinite_;
-    int64_t end_ns_ = 0;
+    int64_t end_ns_ = 0; // 0: has passed
 };
 
 } // namespace vel::os

@@ -139,7 +139,8 @@ HandleKind HandleTable::kind(void* handle) {
     return slot ? kind_of(slot->word.load(std::memory_order_acquire)) : HandleKind::none;
 }
 
-constinit thread_local PinLink* PinLink::top_ = nullptr;
+// The model is repeated: the compiler forgets that of the declaration here, and would call for the variable's address.
+constinit thread_local PinLink* PinLink::top_ __attribute__((tls_model("initial-exec"))) = nullptr;
 
 // A signal that ends the thread finds the chain whole at every instruction; between the two steps of a drop one pin may
 // be lost, never given back twice.

@@ -31,16 +31,25 @@ uint32_t transfer_error(const SocketObject& socket, int error_number) {
     return timed_out ? error::socket_timed_out : send_error(socket.descriptor(), error_number);
 }
 
-// Runs a system call that may sleep on the socket, again when a signal interrupted it. What it brought before the
+// Runs a system call that sleeps on a blocking socket, again when a signal interrupted it. What it brought before the
 // socket was closed still counts.
 template <class Call>
-uint32_t run(SocketObject& socket, ssize_t& result, Call system_call) {
-    BlockingCall call(socket);
+uint32_t run(SocketObject& socket, bool may_sleep, ssize_t& result, Call system_call) {
+    BlockingCall call(socket, may_sleep);
     if (call.ended()) return error::not_a_socket;
     result = uninterrupted([&] { return system_call(socket.descriptor()); });
+    if (result > 0) return error::none;
     const int error_number = errno;
-    if (result <= 0 && call.ended()) return error::not_a_socket;
+    if (call.ended()) return error::not_a_socket;
     return result < 0 ? transfer_error(socket, error_number) : error::none;
+}
+
+// The same for calls that take flags: by these they learn not to sleep, whatever becomes of the socket's mode meanwhile.
+template <class Call>
+uint32_t transfer(SocketObject& socket, ssize_t& result, Call system_call) {
+    const bool may_sleep = !socket.nonblocking.load(std::memory_order_relaxed);
+    const int flags = may_sleep ? 0 : MSG_DONTWAIT;
+    return run(socket, may_sleep, result, [&](int descriptor) { return system_call(descriptor, flags); });
 }
 
 // Waits for events of one descriptor until the deadline; 0 when it has passed first.
@@ -78,7 +87,8 @@ uint32_t receive_message(SocketObject& socket, iovec part, void* address, int32_
     message.msg_iovlen = 1;
     ssize_t got = 0;
     const auto mark = socket.notices.arm(notice::read);
-    const uint32_t code = run(socket, got, [&](int descriptor) { return ::recvmsg(descriptor, &message, 0); });
+    const uint32_t code =
+        transfer(socket, got, [&](int descriptor, int flags) { return ::recvmsg(descriptor, &message, flags); });
     if (!code) moved = static_cast<uint64_t>(got);
     socket.notices.received(mark, code, moved < part.iov_len);
     if (code) return code;
@@ -149,7 +159,7 @@ uint32_t accept_socket(uint64_t listener, void* address, int32_t& length, uint64
     auto room = static_cast<socklen_t>(std::max(length, 0));
     ssize_t accepted = -1;
     const auto mark = object->notices.arm(notice::accept);
-    const uint32_t code = run(*object, accepted, [&](int descriptor) {
+    const uint32_t code = run(*object, true, accepted, [&](int descriptor) {
         int fresh;
         do {
             fresh = ::accept4(descriptor, static_cast<sockaddr*>(address), &room, SOCK_CLOEXEC);
@@ -188,7 +198,8 @@ uint32_t receive(uint64_t socket, void* buffer, uint64_t size, uint64_t& moved) 
     if (!object->is_stream()) return receive_message(*object, {buffer, size}, nullptr, nullptr, moved);
     ssize_t got = 0;
     const auto mark = object->notices.arm(notice::read);
-    const uint32_t code = run(*object, got, [&](int descriptor) { return ::recv(descriptor, buffer, size, 0); });
+    const uint32_t code =
+        transfer(*object, got, [&](int descriptor, int flags) { return ::recv(descriptor, buffer, size, flags); });
     if (!code) moved = static_cast<uint64_t>(got);
     object->notices.received(mark, code, moved < size);
     return code;
@@ -208,8 +219,8 @@ uint32_t send(uint64_t socket, const void* data, uint64_t size, uint64_t& moved)
     const auto* bytes = static_cast<const uint8_t*>(data);
     for (;;) {
         ssize_t sent = 0;
-        const uint32_t code = run(*object, sent, [&](int descriptor) {
-            return ::send(descriptor, bytes + moved, size - moved, MSG_NOSIGNAL);
+        const uint32_t code = transfer(*object, sent, [&](int descriptor, int flags) {
+            return ::send(descriptor, bytes + moved, size - moved, flags | MSG_NOSIGNAL);
         });
         object->notices.sent(code);
         if (code) return moved ? error::none : code; // the next call meets the error again
@@ -226,9 +237,9 @@ uint32_t send_to(uint64_t socket, const void* data, uint64_t size, const void* a
     const PinnedSocket object = pin_socket(socket);
     if (!object) return error::not_a_socket;
     ssize_t sent = 0;
-    const uint32_t code = run(*object, sent, [&](int descriptor) {
+    const uint32_t code = transfer(*object, sent, [&](int descriptor, int flags) {
         const auto* target = static_cast<const sockaddr*>(address);
-        return ::sendto(descriptor, data, size, MSG_NOSIGNAL, target, static_cast<socklen_t>(length));
+        return ::sendto(descriptor, data, size, flags | MSG_NOSIGNAL, target, static_cast<socklen_t>(length));
     });
     object->notices.sent(code);
     if (!code) moved = static_cast<uint64_t>(sent);

@@ -40,8 +40,13 @@ private:
 /// write their own mark before they read the other's.
 class BlockingCall {
 public:
-    explicit BlockingCall(SocketObject& socket) : socket_(socket) { socket_.blocked_.fetch_add(1); }
-    ~BlockingCall() { socket_.blocked_.fetch_sub(1); }
+    /// @param may_sleep  false for a call that is told not to wait, which need not be counted
+    explicit BlockingCall(SocketObject& socket, bool may_sleep = true) : socket_(socket), counted_(may_sleep) {
+        if (counted_) socket_.blocked_.fetch_add(1);
+    }
+    ~BlockingCall() {
+        if (counted_) socket_.blocked_.fetch_sub(1);
+    }
     BlockingCall(const BlockingCall&) = delete;
     BlockingCall& operator=(const BlockingCall&) = delete;
 
@@ -50,6 +55,7 @@ public:
 
 private:
     SocketObject& socket_;
+    const bool counted_;
 };
 
 /// Code for a failed send: a broken pipe is 10054 once the connection is gone, 10058 after the sender's own shutdown.

@@ -22,7 +22,7 @@ uint32_t WaitMembers::upper_bound(uint64_t key) const {
     return static_cast<uint32_t>(found - members_);
 }
 
-uint32_t WaitMembers::find(uint64_t key) const {
+uint32_t WaitMembers::search(uint64_t key) const {
     const uint32_t next = upper_bound(key);
     return next > 0 && members_[next - 1].key == key ? next - 1 : nowhere;
 }
@@ -30,20 +30,18 @@ uint32_t WaitMembers::find(uint64_t key) const {
 uint32_t WaitMembers::append(uint64_t key) {
     assert(count_ < WaitSet::capacity && (count_ == 0 || key > members_[count_ - 1].key));
     members_[count_].key = key;
+    hints_[key % hint_count] = static_cast<uint8_t>(count_);
     return count_++;
 }
 
 void WaitMembers::erase(uint32_t place) {
     std::move(members_ + place + 1, members_ + count_, members_ + place);
     members_[--count_] = {};
+    for (uint32_t moved = place; moved < count_; ++moved)
+        hints_[members_[moved].key % hint_count] = static_cast<uint8_t>(moved);
     signalled = without_place(signalled, place);
     held = without_place(held, place);
     events = without_place(events, place);
-}
-
-uint64_t WaitMembers::above(uint64_t key) const {
-    const uint64_t all = bit(count_) - 1;
-    return key == 0 ? all : all & ~(bit(upper_bound(key)) - 1);
 }
 
 } // namespace vel::os

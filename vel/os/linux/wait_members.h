@@ -21,7 +21,10 @@ public:
     static constexpr uint32_t nowhere = WaitSet::capacity;
 
     /// Place of a key, `nowhere` when there is none.
-    uint32_t find(uint64_t key) const;
+    uint32_t find(uint64_t key) const {
+        const uint32_t place = hints_[key % hint_count];
+        return place < count_ && members_[place].key == key ? place : search(key);
+    }
 
     /// Appends a key that is larger than all before.
     uint32_t append(uint64_t key);
@@ -32,7 +35,12 @@ public:
     const WaitMember& operator[](uint32_t place) const { return members_[place]; }
 
     /// Mask of the places whose keys are above `key`.
-    uint64_t above(uint64_t key) const;
+    uint64_t above(uint64_t key) const {
+        const uint64_t all = bit(count_) - 1;
+        if (key == 0) return all;
+        const uint32_t place = find(key);
+        return all & ~(bit(place != nowhere ? place + 1 : upper_bound(key)) - 1);
+    }
 
     /// Sockets that are signalled and not held.
     uint64_t ready_sockets() const { return signalled & ~held; }
@@ -44,10 +52,14 @@ public:
     uint64_t events = 0;    // places of events
 
 private:
+    static constexpr uint64_t hint_count = 64;
+
+    uint32_t search(uint64_t key) const;
     uint32_t upper_bound(uint64_t key) const;
 
     WaitMember members_[WaitSet::capacity];
     uint32_t count_ = 0;
+    uint8_t hints_[hint_count] = {}; // by the low bits of a key: where one with these bits was put last
 };
 
 /// Calls `visit` with the places in a mask, lowest first.

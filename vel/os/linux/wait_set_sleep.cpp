@@ -60,9 +60,9 @@ uint32_t EpollWaitSet::first_known(uint64_t after) const {
     uint64_t candidates = (members_.ready_sockets() | members_.events) & members_.above(after);
     for (; candidates; candidates &= candidates - 1) {
         const auto place = static_cast<uint32_t>(__builtin_ctzll(candidates));
-        const uint64_t tag = members_[place].event_tag;
-        bool signalled = tag == 0;
-        if (tag) use_event(tag, [&](const Waitable& event) { signalled = event.is_signalled(); });
+        bool signalled = (members_.events & WaitMembers::bit(place)) == 0;
+        if (!signalled)
+            use_event(members_[place].event_tag, [&](const Waitable& event) { signalled = event.is_signalled(); });
         if (signalled) return place;
     }
     return WaitMembers::nowhere;
