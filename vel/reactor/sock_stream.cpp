@@ -55,7 +55,7 @@ int VEL_SOCK_Stream::accept_from(VEL_Socket& listener) {
 
 int VEL_SOCK_Stream::send(const VEL_Byte_Block& block) {
     VEL_Guard guard(lock_);
-    return check_open() < 0 ? -1 : transfer_.send(link_.socket, block);
+    return check_locked() < 0 ? -1 : transfer_.send(link_.socket, block);
 }
 
 int VEL_SOCK_Stream::recv(void* buffer, uint64_t size) {
@@ -99,6 +99,10 @@ void VEL_SOCK_Stream::close(bool no_close) {
 
 int VEL_SOCK_Stream::check_open() {
     VEL_Guard guard(lock_);
+    return check_locked();
+}
+
+int VEL_SOCK_Stream::check_locked() const {
     if (link_.check_open() < 0) return -1;
     return transfer_.is_open() ? 0 : vel::report(vel::error::null_member);
 }
@@ -126,7 +130,7 @@ int VEL_SOCK_Stream::suspend_read(uint32_t timeout_ms) {
 
 int VEL_SOCK_Stream::resume_read() {
     VEL_Guard guard(lock_);
-    return link_.suspend_id != 0 ? link_.resume_read(this) : check_open();
+    return link_.suspend_id != 0 ? link_.resume_read(this) : check_locked();
 }
 
 int32_t VEL_SOCK_Stream::get_suspend_id() const {

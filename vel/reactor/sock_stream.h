@@ -128,11 +128,13 @@ public:
 
 private:
     friend class VEL_Acceptor;
+    friend class vel::StreamTransfer;
 
     int start(VEL_Reactor* reactor, const VEL_INET_Addr& remote, uint32_t timeout_ms, int receive_buffer,
               int send_buffer) VEL_REQUIRES(lock_);
     int accept_from(VEL_Socket& listener);
     int give_up() VEL_REQUIRES(lock_);
+    int check_locked() const VEL_REQUIRES(lock_);
 
     mutable VEL_Thread_Mutex lock_;
     vel::StreamTransfer transfer_ VEL_GUARDED_BY(lock_);

@@ -9,6 +9,17 @@ namespace {
 
 constexpr uint64_t largest_write = 1 << 30; // a socket call looks at the low 32 bits of a size
 
+/// Returns the code that stopped it, 0 when all is written.
+uint32_t write(VEL_Socket& socket, const void* data, uint64_t size, uint64_t& written) {
+    while (written < size) {
+        const auto* rest = static_cast<const uint8_t*>(data) + written;
+        const int sent = socket.send(rest, std::min(size - written, largest_write));
+        if (sent < 0) return VELLib::GetErrorCode();
+        written += static_cast<uint64_t>(sent);
+    }
+    return error::none;
+}
+
 } // namespace
 
 void StreamTransfer::open() {
@@ -27,21 +38,15 @@ bool StreamTransfer::next() { return !pending_.is_null() || queue_.pop_front(pen
 
 /// Writes what is left of the pending block and drops it when it is done. Returns the code that stopped it.
 uint32_t StreamTransfer::write_pending(VEL_Socket& socket, uint64_t& written) {
-    while (pending_.current_size() > 0) {
-        const int sent = socket.send(pending_.current(), std::min(pending_.current_size(), largest_write));
-        if (sent < 0) return VELLib::GetErrorCode();
-        pending_.offset(pending_.offset() + sent);
-        written += sent;
-    }
-    pending_.reset();
-    return error::none;
+    const uint32_t code = write(socket, pending_.current(), pending_.current_size(), written);
+    pending_.offset(pending_.offset() + written);
+    if (code == error::none) pending_.reset();
+    return code;
 }
 
 int StreamTransfer::send(VEL_Socket& socket, const VEL_Byte_Block& block) {
-    if (!next())
-        pending_ = block;
-    else if (block.size() > 0 && queue_.push_back(block) < 0)
-        return -1;
+    if (!next()) return send_at_once(socket, block);
+    if (block.size() > 0 && queue_.push_back(block) < 0) return -1;
     uint64_t result = 0;
     while (next()) {
         const bool is_callers = pending_ == block;
@@ -51,6 +56,16 @@ int StreamTransfer::send(VEL_Socket& socket, const VEL_Byte_Block& block) {
         if (is_callers) result += written;
     }
     return static_cast<int>(result);
+}
+
+/// Nothing waits: the block becomes the pending one only when the socket does not take it whole.
+int StreamTransfer::send_at_once(VEL_Socket& socket, const VEL_Byte_Block& block) {
+    uint64_t written = 0;
+    const uint32_t code = write(socket, block.c_ptr(0), block.size(), written);
+    if (code == error::none) return static_cast<int>(written);
+    pending_ = block;
+    pending_.offset(written);
+    return code == error::would_block ? 0 : -1;
 }
 
 /// Writes the next block or takes the error of the notice. False when there is nothing to report (yet).

@@ -6,6 +6,7 @@
 #include <vel/memory/list.h>
 #include <vel/reactor/socket.h>
 #include <vel/sync/guard.h>
+#include <vel/sync/thread_safety.h>
 
 namespace vel {
 
@@ -35,12 +36,13 @@ public:
     int send(VEL_Socket& socket, const VEL_Byte_Block& block);
 
     /// Writes until the socket would block, and reports each block as it is done, or the error.
-    /// @param stream  a class with `check_open` and `handle_write_stream`
+    /// @param stream  a class with `check_locked` and `handle_write_stream`
     /// @param guard   holds the stream's lock
     template <class Stream>
-    int handle_output(Stream& stream, VEL_Guard& guard, VEL_Socket& socket, uint32_t error) {
+    int handle_output(Stream& stream, VEL_Guard& guard, VEL_Socket& socket,
+                      uint32_t error) VEL_NO_THREAD_SAFETY_ANALYSIS {
         for (;;) {
-            if (stream.check_open() < 0) return -1;
+            if (stream.check_locked() < 0) return -1;
             Report report;
             if (!write_next(socket, error, report)) return 0;
             guard.unlock();
@@ -52,11 +54,12 @@ public:
     }
 
     /// Reads once and reports what came, or the end of the stream or the error, which give -1.
-    /// @param stream  a class with `check_open` and `handle_read_stream`
+    /// @param stream  a class with `check_locked` and `handle_read_stream`
     /// @param guard   holds the stream's lock
     template <class Stream>
-    int handle_input(Stream& stream, VEL_Guard& guard, VEL_Socket& socket, uint32_t error) {
-        if (stream.check_open() < 0) return -1;
+    int handle_input(Stream& stream, VEL_Guard& guard, VEL_Socket& socket,
+                     uint32_t error) VEL_NO_THREAD_SAFETY_ANALYSIS {
+        if (stream.check_locked() < 0) return -1;
         char buffer[read_size]; // filled by the socket alone
         uint64_t size = 0;
         if (error == 0 && !read(socket, buffer, size, error)) return 0;
@@ -74,6 +77,7 @@ private:
     };
 
     bool next();
+    int send_at_once(VEL_Socket& socket, const VEL_Byte_Block& block);
     uint32_t write_pending(VEL_Socket& socket, uint64_t& written);
     bool write_next(VEL_Socket& socket, uint32_t error, Report& report);
     bool read(VEL_Socket& socket, void* buffer, uint64_t& size, uint32_t& error);

@@ -71,7 +71,7 @@ int VEL_WinSock_Stream::handle_write_stream(const void*, uint64_t, uint32_t) { r
 
 int VEL_WinSock_Stream::send(const VEL_Byte_Block& block) {
     VEL_Guard guard(lock_);
-    return check_open() < 0 ? -1 : transfer_.send(socket_, block);
+    return check_locked() < 0 ? -1 : transfer_.send(socket_, block);
 }
 
 int VEL_WinSock_Stream::recv(void* buffer, uint64_t size) {
@@ -93,6 +93,10 @@ void VEL_WinSock_Stream::close() {
 
 int VEL_WinSock_Stream::check_open() {
     VEL_Guard guard(lock_);
+    return check_locked();
+}
+
+int VEL_WinSock_Stream::check_locked() const {
     if (!socket_.is_open()) return vel::report(vel::error::not_a_socket);
     return transfer_.is_open() ? 0 : vel::report(vel::error::null_member);
 }

@@ -73,7 +73,10 @@ public:
     VEL_INET_Addr get_remote_addr();
 
 private:
+    friend class vel::StreamTransfer;
+
     int start(HWND window, uint32_t message, const VEL_INET_Addr& remote) VEL_REQUIRES(lock_);
+    int check_locked() const VEL_REQUIRES(lock_);
     int handle_input(uint32_t error);
     int handle_output(uint32_t error);
 
