@@ -61,6 +61,9 @@ public:
     /// auto-reset one is taken by the wait that gives it.
     virtual uint32_t add_event(uint64_t key, void* event) = 0;
 
+    /// Whether a member is still open and bound here; what is not stays silent.
+    virtual bool has(uint64_t key) = 0;
+
     /// Takes a member out; an unknown key does nothing. Its socket reports nothing any more.
     virtual void remove(uint64_t key) = 0;
 

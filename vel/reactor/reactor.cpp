@@ -40,9 +40,11 @@ VEL_Reactor::VEL_Reactor() {
 VEL_Reactor::~VEL_Reactor() { close(); }
 
 int VEL_Reactor::register_handler(VEL_Event_Handler* handler, void* event_handle, uint32_t mask) {
+    end_orphan(event_handle);
     VEL_Guard guard(lock_);
     if (const uint32_t code = refusal(handler && event_handle)) return vel::report(code);
     if (const auto slot = repository_->find(event_handle)) {
+        if (slot->is_socket) return vel::report(error::invalid_handle);
         slot->mask |= mask;
         return 1;
     }
@@ -51,11 +53,12 @@ int VEL_Reactor::register_handler(VEL_Event_Handler* handler, void* event_handle
 }
 
 int VEL_Reactor::register_handler(void* socket, VEL_Event_Handler* handler, uint32_t mask) {
+    end_orphan(socket);
     VEL_Guard guard(lock_);
     const uint64_t number = socket_of(socket);
     if (const uint32_t code = refusal(handler && number != VEL_INVALID_SOCKET)) return vel::report(code);
     if (const auto slot = repository_->find(socket)) {
-        if (!slot->is_socket) return vel::report(error::not_a_socket); // an event, or was one when it was registered
+        if (!slot->is_socket) return vel::report(error::not_a_socket);
         const uint32_t joined = slot->mask | mask;
         if (const uint32_t code = wait_set_->bind(slot->key, number, notices_of(joined))) return vel::report(code);
         slot->mask = joined;
@@ -89,25 +92,36 @@ int VEL_Reactor::remove_handler(void* socket, VEL_Event_Handler*, uint32_t mask)
     return end_registration(socket, mask, nullptr);
 }
 
-/// @param only  the handler whose registration is meant; null for whoever has the handle
-int VEL_Reactor::end_registration(void* handle, uint32_t mask, const VEL_Event_Handler* only) {
+/// @param only  the registration that is meant; null for the one that the handle has now
+int VEL_Reactor::end_registration(void* handle, uint32_t mask, const vel::ReactorSlot* only) {
     VEL_Guard guard(lock_);
     const auto slot = repository_->find(handle);
-    if (!slot || (only && slot->handler != only)) return -1;
+    return !slot || (only && slot.get() != only) ? -1 : end_bits(slot, mask, guard);
+}
+
+/// Ends what is left of a closed handle's registration before its number is registered anew.
+void VEL_Reactor::end_orphan(void* handle) {
+    VEL_Guard guard(lock_);
+    const auto slot = repository_->find(handle);
+    if (slot && !wait_set_->has(slot->key)) end_bits(slot, ~uint32_t{VEL_NO_CLOSE_CALL}, guard);
+}
+
+/// Opens the guard for the handler's calls.
+int VEL_Reactor::end_bits(const std::shared_ptr<vel::ReactorSlot>& slot, uint32_t mask, VEL_Guard& guard) {
     const uint32_t removed = slot->mask & mask & ~VEL_NO_CLOSE_CALL;
     if (removed == 0) return -1;
     slot->mask &= ~removed;
     const uint32_t left = slot->mask;
     if (left == 0)
         drop(*slot);
-    else if (slot->is_socket) // without the peer's close, on purpose; a socket that is closed has nothing to report
-        wait_set_->bind(slot->key, socket_of(handle), notices_of(left) & ~notice::close);
+    else if (slot->is_socket && wait_set_->has(slot->key)) // without the peer's close, on purpose
+        wait_set_->bind(slot->key, socket_of(slot->handle), notices_of(left) & ~notice::close);
 
     const bool tell = (mask & VEL_NO_CLOSE_CALL) == 0;
     if (left != 0 && !tell) return 1;
     if (left != 0) slot->handler->addref(); // for the call; at the end the registration's own covers it
     guard.unlock();
-    if (tell) slot->handler->handle_close(handle, removed, this);
+    if (tell) slot->handler->handle_close(slot->handle, removed, this);
     slot->handler->release();
     return left == 0 ? 0 : 1;
 }

@@ -19,6 +19,8 @@ class WaitSet;
 struct Notices;
 } // namespace vel::os
 
+class VEL_Guard;
+
 /// What a handler can be registered for. 4 also reports the peer's close, as input with an error.
 enum VEL_Event_Mask : uint32_t {
     VEL_SIGNAL_EVENT = 1, // event handles only
@@ -63,7 +65,9 @@ public:
     /// @return 0 for a new registration, 1 for more bits of one, -1
     int register_handler(VEL_Event_Handler* handler, void* event_handle, uint32_t mask);
 
-    /// The same for a socket, its number as a pointer. The first handler stays: bits are added to its registration.
+    /// The same for a socket, its number as a pointer. The first handler stays: bits are added to its registration. But
+    /// one whose socket or event was closed without a removal ends here with `handle_close`, since its number has come
+    /// to something else; until then it is silent.
     int register_handler(void* socket, VEL_Event_Handler* handler, uint32_t mask);
 
     /// Ends a registration for the bits of `mask`, and unless VEL_NO_CLOSE_CALL is among them calls `handle_close` with
@@ -105,7 +109,9 @@ private:
     uint32_t refusal(bool named) const VEL_REQUIRES(lock_);
     int admit(const vel::ReactorSlot& slot, uint32_t code) VEL_REQUIRES(lock_);
     void drop(const vel::ReactorSlot& slot) VEL_REQUIRES(lock_);
-    int end_registration(void* handle, uint32_t mask, const VEL_Event_Handler* only);
+    void end_orphan(void* handle);
+    int end_registration(void* handle, uint32_t mask, const vel::ReactorSlot* only);
+    int end_bits(const std::shared_ptr<vel::ReactorSlot>& slot, uint32_t mask, VEL_Guard& guard) VEL_REQUIRES(lock_);
     void close_timers();
     void close_slots();
 

@@ -122,16 +122,16 @@ void VEL_Reactor::dispatch(uint64_t key) {
 
 void VEL_Reactor::dispatch_event(const vel::ReactorSlot& slot) {
     if ((slot.mask & VEL_SIGNAL_EVENT) == 0) return;
-    if (slot.handler->handle_signal(slot.handle, this) < 0)
-        end_registration(slot.handle, VEL_SIGNAL_EVENT, slot.handler);
+    if (slot.handler->handle_signal(slot.handle, this) < 0) end_registration(slot.handle, VEL_SIGNAL_EVENT, &slot);
 }
 
 void VEL_Reactor::dispatch_socket(const vel::ReactorSlot& slot) {
     vel::os::Notices notices;
     if (!wait_set_->take(slot.key, notices)) return; // another thread serves it, or has done so
     if (const uint32_t refused = call_handlers(slot, notices)) {
-        // Only of this handler: it may have closed the socket, whose number is then soon another one's.
-        end_registration(slot.handle, refused, slot.handler);
+        // Only of this registration: the handler may have closed the socket, and its number belong to the next by now,
+        // which may be the handler's own.
+        end_registration(slot.handle, refused, &slot);
     }
     wait_set_->put_back(slot.key);
 }

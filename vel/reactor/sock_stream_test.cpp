@@ -85,33 +85,40 @@ TEST_F(SockStream, ABrokenConnectionIsReportedOnceOnTheWayInOrOut) {
 }
 
 TEST_F(SockStream, EndsInEveryCallbackInEveryWay) {
-    enum Way { refuse, close_quietly, close, release };
+    enum Way { refuse, close_quietly, close, release, reopen };
+    constexpr int ways = 5;
     Hook Stream::*const callbacks[] = {&Stream::on_read, &Stream::on_write, &Stream::on_connect, &Stream::on_timeout};
     const uint32_t refused[] = {4, 8, 2 + 8, 32}; // the output that is due with a connect goes with it
-    for (int round = 0; round < 16; ++round) {
+    const VEL_INET_Addr address = vel::test::ReactorTest::listen();
+    for (int round = 0; round < 4 * ways; ++round) {
         SCOPED_TRACE(round);
-        const int place = round / 4, way = round % 4;
+        const int place = round / ways, way = round % ways;
         Pair pair = connect_pair();
-        const Ref<Acceptor> acceptor = listen();
         if (place == 2) pair.client.reset(new Stream);
         Stream* const stream = pair.client.get();
-        bool called = false;
+        const auto open = [&] { return stream->open(reactor.get(), address, 100000, 0, 0); };
+        int calls = 0;
         stream->*callbacks[place] = [&] {
-            called = true;
+            if (++calls > 1) return 0; // the next connection's
             if (way == release) pair.client.reset();
             if (way == refuse || way == release) return -1;
-            return stream->close(way == close_quietly), 0;
+            stream->close(way != close);
+            return way == reopen ? open() - (place == 3 ? 0 : 1) : 0; // a refused timer ends what is open by then
         };
         switch (place) {
         case 0: pair.server->send(text("x")); break;
         case 1: stream->send(text(std::string(1 << 22, 'x'))); break;
-        case 2: stream->open(reactor.get(), address_of(acceptor->get_handle()), 100000, 0, 0); break;
+        case 2: open(); break;
         default: stream->set_timeout(1);
         }
-        ASSERT_TRUE(serve_until([&] { return called; }));
+        ASSERT_TRUE(serve_until([&] { return calls > 0; }));
         serve();
         if (!pair.client) continue; // that it is gone is seen at the end
         EXPECT_EQ(stream->closes, way == refuse ? Codes{refused[place]} : way == close ? Codes{14} : Codes{});
+        if (way == reopen) {
+            EXPECT_EQ(stream->check_open(), 0) << "the refusal was the last connection's";
+            stream->close(true);
+        }
         EXPECT_EQ(stream->references(), 1);
         expect_failure(error::not_a_socket, stream->send(text("x")));
     }

@@ -21,6 +21,8 @@
 
 namespace vel::test {
 
+using vel::testing::expect_failure;
+
 constexpr uint32_t patience_ms = 10000;
 
 inline bool comes_true(const std::function<bool()>& condition) {
@@ -55,7 +57,7 @@ class Recorder : public VEL_Event_Handler_Impl<VEL_Reference_Counter_Global_Sync
 public:
     Recorder(Journal& journal, std::string name) : journal_(journal), name_(std::move(name)) {}
 
-    int handle_signal(void*, VEL_Reactor*) override { return told("signal", 0); }
+    int handle_signal(void*, VEL_Reactor*) override { return told("signal"); }
     int handle_accept(void*, VEL_Reactor*, uint32_t code) override { return told("accept", code); }
     int handle_connect(void*, VEL_Reactor*, uint32_t code) override { return told("connect", code); }
     int handle_input(void*, VEL_Reactor*, uint32_t code) override { return told("input", code); }
@@ -67,7 +69,7 @@ public:
     int handle_timeout(int32_t id, uint32_t& interval_ms, VEL_Reactor*) override {
         timer_id = id;
         interval = &interval_ms;
-        return told("timeout", 0);
+        return told("timeout");
     }
 
     int references() { return addref(), release(); }
@@ -90,7 +92,7 @@ public:
     std::atomic<uint32_t*> interval{nullptr};
 
 private:
-    int told(const char* what, uint32_t code, const std::string& detail = "") {
+    int told(const char* what, uint32_t code = 0, const std::string& detail = "") {
         error = code;
         journal_.write(name_ + "." + what + detail);
         const auto hook = on.find(what);

@@ -71,6 +71,14 @@ uint32_t EpollWaitSet::add_event(uint64_t key, void* event) {
     return error_number ? system_error(error_number) : error::none;
 }
 
+bool EpollWaitSet::has(uint64_t key) {
+    const Guard guard(lock_);
+    const uint32_t place = members_.find(key);
+    if (place == WaitMembers::nowhere) return false;
+    const WaitMember& member = members_[place];
+    return member.event_tag ? use_event(member.event_tag, [](Waitable&) {}) : member.socket != nullptr;
+}
+
 void EpollWaitSet::remove(uint64_t key) {
     const std::lock_guard bindings(bindings_lock());
     if (SocketNotices* socket = socket_of(key)) socket->unbind();

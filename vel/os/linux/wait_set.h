@@ -30,6 +30,7 @@ public:
 
     uint32_t bind(uint64_t key, uint64_t socket, uint32_t notices) override;
     uint32_t add_event(uint64_t key, void* event) override;
+    bool has(uint64_t key) override;
     void remove(uint64_t key) override;
     uint32_t generation() const override { return generation_.load(std::memory_order_acquire); }
     uint32_t wait(uint64_t after, uint32_t generation, uint32_t timeout_ms, uint64_t& key) override;
