@@ -4,8 +4,6 @@
 namespace vel::test {
 namespace {
 
-using vel::testing::expect_failure;
-
 struct ReactorTimerTest : ReactorTest {
     /// Lets time go by and runs one cycle; its words.
     std::string after(uint64_t ms) {
@@ -28,6 +26,7 @@ TEST_F(ReactorTimerTest, RepeatsInOrderUntilRefused) {
     Recorder& a = timed("a", 100000);
     timed("b", 100000);
     Recorder& c = timed("c", 50000);
+    timed("d", 0xFFFFFFFF);
     EXPECT_EQ(after(49000), "");
     c.on["timeout"] = [&] { return *c.interval = 300000, 0; };
     EXPECT_EQ(after(2000), "c.timeout");
@@ -38,15 +37,16 @@ TEST_F(ReactorTimerTest, RepeatsInOrderUntilRefused) {
     EXPECT_EQ(after(99000), "");
     EXPECT_EQ(after(2000), "b.timeout");
     EXPECT_EQ(after(140000), "b.timeout") << "not c, which asked for more";
+    EXPECT_EQ(after(0xFFFFFFFF - 345000), "c.timeout b.timeout") << "beyond the wrap, d not yet";
+    EXPECT_EQ(after(3000), "d.timeout");
 }
 
 TEST_F(ReactorTimerTest, WithIntervalZeroRunsOnceACycle) {
     Recorder& a = timed("a", 0);
-    EXPECT_EQ(reactor->handle_event(0), 1);
     EXPECT_EQ(reactor->handle_event(VEL_INFINITE), 1);
     connected("s", VEL_INPUT_EVENT).peer.send("x", 1);
     EXPECT_EQ(reactor->handle_event(patience_ms), 2) << "timers and sockets are counted together";
-    EXPECT_EQ(journal.read(), "a.timeout a.timeout a.timeout s.input");
+    EXPECT_EQ(journal.read(), "a.timeout a.timeout s.input");
     EXPECT_EQ(reactor->cancel_timer(a.timer_id, true), 0);
     EXPECT_EQ(quiet(), "");
 }
@@ -60,9 +60,8 @@ TEST_F(ReactorTimerTest, IsCancelledAndRescheduledByItsId) {
     EXPECT_EQ(reactor->cancel_timer(loud, false), 0);
     EXPECT_EQ(journal.read(), "a.close32");
     EXPECT_EQ(a.references(), 1);
-    VELLib::SetErrorCode(0x12345);
-    expect_failure(0x12345, reactor->cancel_timer(loud, false));
     expect_failure(error::invalid_parameter, reactor->reschedule_timer(loud, 1));
+    expect_failure(0x12345, reactor->cancel_timer(loud, false));
 
     Recorder& self = timed("b", 10);
     self.on["timeout"] = [&] { // in the middle of its own call
@@ -75,17 +74,6 @@ TEST_F(ReactorTimerTest, IsCancelledAndRescheduledByItsId) {
     Recorder& last = timed("c", 200000);
     EXPECT_EQ(after(100000), "b.timeout b.close32 c.close32");
     expect_failure(error::object_closed, reactor->schedule_timer(&last, 1));
-}
-
-TEST_F(ReactorTimerTest, TheTickCountMayWrap) {
-    os::set_tick_offset_for_test(offset = (uint64_t{1} << 33) - os::tick_ms64() - 1000);
-    timed("a", 5000);
-    timed("b", 0xFFFFFFFF);
-    EXPECT_EQ(after(1500), "") << "beyond the wrap";
-    EXPECT_EQ(after(3000), "");
-    EXPECT_EQ(after(600), "a.timeout");
-    EXPECT_EQ(after(0xFFFFFFFF - 6000), "a.timeout");
-    EXPECT_EQ(after(1000), "b.timeout");
 }
 
 } // namespace

@@ -12,68 +12,62 @@ struct Handler {};
 using Queue = VEL_Timer_Queue<Handler>;
 using Period = VEL_Time_Period<Handler>;
 
-// The order as it is defined: a list sorted by remaining time, searched from the front, in 32-bit arithmetic.
-struct NaiveQueue {
-    std::vector<Period> timers;
-
-    void insert(const Period& fresh) {
-        const auto later = [&](const Period& timer) { return timer.remaining(fresh.start) > fresh.interval; };
-        timers.insert(std::find_if(timers.begin(), timers.end(), later), fresh);
-    }
-    Period remove(int32_t id) {
-        const auto found =
-            std::find_if(timers.begin(), timers.end(), [id](const Period& timer) { return timer.timer_id == id; });
-        if (found == timers.end()) return Period{};
-        const Period period = *found;
-        timers.erase(found);
-        return period;
-    }
-};
-
-// Both queues side by side, driven by random steps.
+// The queue, and beside it the order as it is defined: a list sorted by remaining time, searched from the front, in
+// 32-bit arithmetic. Random steps drive both.
 class Duel {
 public:
     Duel(uint32_t seed, uint64_t now) : random_(seed), now_(now) {}
 
     void run(int steps) {
         for (int step = 0; step < steps && !::testing::Test::HasFailure(); ++step) {
+            const int32_t id = list_.empty() || pick(9) == 0 ? -77 : list_[pick(list_.size())].timer_id;
             switch (pick(6)) {
-            case 0: cancel(some_id()); break;
-            case 1: reschedule(some_id()); break;
+            case 0: cancel(id); break;
+            case 1: reschedule(id); break;
             case 2: dispatch(); break;
             case 3: now_ += pick(2) ? pick(40) : 0; break; // standing still makes equal deadlines
             default: schedule(); break;
             }
-            EXPECT_EQ(queue_.wait_ms(now_), naive_.timers.empty() ? VEL_INFINITE : first().remaining(tick()));
+            EXPECT_EQ(queue_.wait_ms(now_), list_.empty() ? VEL_INFINITE : list_.front().remaining(tick()));
         }
         Period period;
-        while (queue_.take_first(period)) EXPECT_EQ(naive_.remove(first_id()).timer_id, period.timer_id);
-        EXPECT_TRUE(naive_.timers.empty());
+        while (queue_.take_first(period)) EXPECT_EQ(take(list_.empty() ? 0 : first()).timer_id, period.timer_id);
+        EXPECT_TRUE(list_.empty());
     }
 
 private:
     uint32_t pick(size_t below) { return static_cast<uint32_t>(random_() % below); }
     uint32_t tick() const { return static_cast<uint32_t>(now_); }
     uint32_t interval() { return pick(20) == 0 ? 0x80000000u + pick(1000) : pick(50); }
-    const Period& first() const { return naive_.timers.front(); }
-    int32_t first_id() const { return naive_.timers.empty() ? 0 : first().timer_id; }
-    int32_t some_id() {
-        return naive_.timers.empty() || pick(9) == 0 ? -77 : naive_.timers[pick(naive_.timers.size())].timer_id;
+    int32_t first() const { return list_.front().timer_id; }
+
+    void insert(const Period& fresh) {
+        const auto later = [&](const Period& timer) { return timer.remaining(fresh.start) > fresh.interval; };
+        list_.insert(std::find_if(list_.begin(), list_.end(), later), fresh);
+    }
+
+    Period take(int32_t id) {
+        const auto found = std::find_if(list_.begin(), list_.end(), [id](auto& timer) { return timer.timer_id == id; });
+        if (found == list_.end()) return Period{};
+        const Period period = *found;
+        list_.erase(found);
+        return period;
     }
 
     void schedule() {
-        const Period fresh{0, interval(), tick(), &handlers_[pick(4)]};
+        const uint32_t length = interval();
+        Handler* const handler = &handlers_[pick(4)];
         const uint64_t before = queue_.deadline_ms();
         bool sooner = false;
-        const int32_t id = queue_.schedule(fresh.handler, fresh.interval, now_, sooner);
+        const int32_t id = queue_.schedule(handler, length, now_, sooner);
         ASSERT_GT(id, 0);
         EXPECT_EQ(sooner, queue_.deadline_ms() < before);
-        naive_.insert({id, fresh.interval, fresh.start, fresh.handler});
+        insert({id, length, tick(), handler});
     }
 
     void cancel(int32_t id) {
         Handler* handler = nullptr;
-        const Period expected = naive_.remove(id);
+        const Period expected = take(id);
         EXPECT_EQ(queue_.contains(id), expected.timer_id != 0);
         EXPECT_EQ(queue_.cancel(id, handler), expected.timer_id != 0);
         EXPECT_EQ(handler, expected.handler);
@@ -83,16 +77,16 @@ private:
         const uint32_t length = interval();
         const uint64_t before = queue_.deadline_ms();
         bool sooner = false;
-        const Period old = naive_.remove(id);
+        const Period old = take(id);
         EXPECT_EQ(queue_.reschedule(id, length, now_, sooner), old.timer_id != 0);
         EXPECT_EQ(sooner, queue_.deadline_ms() < before);
-        if (old.timer_id != 0) naive_.insert({id, length, tick(), old.handler});
+        if (old.timer_id != 0) insert({id, length, tick(), old.handler});
     }
 
     void dispatch() {
         Period period;
         for (int most = 20, pass = 0; most > 0 && queue_.next_due(now_, pass, period); --most, pass = 0) {
-            EXPECT_EQ(period.timer_id, first_id());
+            EXPECT_EQ(period.timer_id, first());
             reschedule(period.timer_id);
         }
     }
@@ -100,7 +94,7 @@ private:
     std::mt19937 random_;
     uint64_t now_;
     Queue queue_;
-    NaiveQueue naive_;
+    std::vector<Period> list_;
     Handler handlers_[4];
 };
 

@@ -1,4 +1,4 @@
-// Window streams: served by a poll loop over the window's descriptor, and by notices made up here.
+// Window streams and message windows: served by a poll loop over the window's descriptor, and by notices made up here.
 #include <vel/reactor/winsock_stream.h>
 
 #include <future>
@@ -16,17 +16,21 @@ protected:
     WindowStream() { EXPECT_EQ(door.bind(0, localhost) + door.getlocaladdr(address), 0); }
     ~WindowStream() override { VELLib::destroy_window(window); }
 
-    static int64_t dispatch(HWND, uint32_t message, uint64_t, int64_t notice, void* stream) {
+    static int64_t dispatch(HWND, uint32_t message, uint64_t socket, int64_t notice, void* context) {
+        auto* stream = static_cast<VEL_WinSock_Stream*>(context);
         EXPECT_EQ(message, 7u);
-        return static_cast<VEL_WinSock_Stream*>(stream)->dispatch_event(static_cast<int32_t>(notice));
+        EXPECT_EQ(socket, stream->get_handle());
+        return stream->dispatch_event(static_cast<int32_t>(notice));
     }
 
     /// The result of the next message; 1 when none came.
     int64_t dispatch_next(int patience_ms = 10000) {
-        VEL_Window_Message message{};
+        VEL_Window_Message first{}, message{};
         int64_t result = 1;
         if (!is_readable(VELLib::get_window_descriptor(window), patience_ms)) return 1;
+        EXPECT_EQ(VELLib::peek_message(window, first), 0);
         EXPECT_EQ(VELLib::get_message(window, message, 0), 0);
+        EXPECT_EQ(first.lparam, message.lparam);
         EXPECT_EQ(VELLib::dispatch_message(window, message, &result), 0);
         return result;
     }
@@ -66,6 +70,8 @@ TEST_F(WindowStream, APollLoopConnectsTransfersAndHearsOfTheEnd) {
 }
 
 TEST_F(WindowStream, NoticesGoToTheirHandlersWithTheirErrors) {
+    VEL_Window_Message message{};
+    expect_failure(error::wait_timeout, VELLib::peek_message(window, message));
     expect_failure(error::not_a_socket, stream.dispatch_event(1));
     expect_failure(error::invalid_window, stream.open(nullptr, 7, address));
     expect_failure(error::not_a_socket, stream.check_open());
@@ -77,6 +83,9 @@ TEST_F(WindowStream, NoticesGoToTheirHandlersWithTheirErrors) {
     EXPECT_EQ(stream.errors, (Codes{error::connection_reset, error::connection_aborted}));
     EXPECT_EQ(stream.dispatch_event(32), -1);
     EXPECT_EQ(stream.dispatch_event(16) + stream.dispatch_event(8), 0) << "8 is no event of a stream";
+    EXPECT_EQ(VELLib::destroy_window(window), 0);
+    expect_failure(error::invalid_window, VELLib::dispatch_message(window, message));
+    expect_failure(error::invalid_window, VELLib::get_window_descriptor(window));
 }
 
 } // namespace
