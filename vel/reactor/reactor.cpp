@@ -4,6 +4,7 @@
 #include <new>
 #include <vel/frame/exception.h>
 #include <vel/os/error_codes.h>
+#include <vel/os/socket.h>
 #include <vel/os/wait_set.h>
 #include <vel/platform/report.h>
 #include <vel/reactor/reactor_repository.h>
@@ -65,7 +66,9 @@ int VEL_Reactor::register_handler(void* socket, VEL_Event_Handler* handler, uint
         return 1;
     }
     const auto slot = repository_->add(socket, handler, true, mask);
-    return slot ? admit(*slot, wait_set_->bind(slot->key, number, notices_of(mask))) : -1;
+    if (!slot) return -1;
+    const uint32_t code = vel::os::set_nonblocking(number, true);
+    return admit(*slot, code ? code : wait_set_->bind(slot->key, number, notices_of(mask)));
 }
 
 /// Why there can be no registration now, or 0. A full reactor also refuses more bits of what it has, on purpose.

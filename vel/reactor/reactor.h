@@ -65,9 +65,9 @@ public:
     /// @return 0 for a new registration, 1 for more bits of one, -1
     int register_handler(VEL_Event_Handler* handler, void* event_handle, uint32_t mask);
 
-    /// The same for a socket, its number as a pointer. The first handler stays: bits are added to its registration. But
-    /// one whose socket or event was closed without a removal ends here with `handle_close`, since its number has come
-    /// to something else; until then it is silent.
+    /// The same for a socket, its number as a pointer; it becomes non-blocking and stays so. The first handler stays:
+    /// bits are added to its registration. But one whose socket or event was closed without a removal, silent since
+    /// then, ends here with `handle_close`, since its number has come to something else.
     int register_handler(void* socket, VEL_Event_Handler* handler, uint32_t mask);
 
     /// Ends a registration for the bits of `mask`, and unless VEL_NO_CLOSE_CALL is among them calls `handle_close` with

@@ -127,7 +127,6 @@ protected:
         self.peer.open(2, 1, 0);
         EXPECT_EQ(self.peer.connect(listen()), 0);
         EXPECT_EQ(door.accept(self.socket), 0);
-        EXPECT_EQ(self.socket.enable_nonblock(), 0);
         EXPECT_EQ(self.socket.register_event_select(reactor.get(), &self, mask), 0);
         return self;
     }

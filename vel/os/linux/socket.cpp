@@ -309,6 +309,7 @@ uint32_t readable_bytes(uint64_t socket, uint32_t& bytes) {
 uint32_t set_nonblocking(uint64_t socket, bool on) {
     const PinnedSocket object = pin_socket(socket);
     if (!object) return error::not_a_socket;
+    if (on && object->nonblocking.load(std::memory_order_relaxed)) return error::none;
     int value = on;
     if (::ioctl(object->descriptor(), FIONBIO, &value) < 0) return last_error();
     object->nonblocking.store(on, std::memory_order_relaxed);
