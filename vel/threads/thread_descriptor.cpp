@@ -9,12 +9,6 @@
 #include <vel/os/thread.h>
 #include <vel/threads/thread_manager.h>
 
-namespace {
-
-constexpr uint32_t still_running = 259;
-
-} // namespace
-
 void VEL_Thread_Descriptor::create(uint32_t stack_size) {
     void* handle = nullptr;
     uint32_t id = 0;
@@ -54,10 +48,7 @@ int VEL_Thread_Descriptor::kill(int exit_code) {
 }
 
 bool VEL_Thread_Descriptor::survived() const {
-    uint32_t exit_code = 0;
-    const uint32_t code = vel::os::thread_exit_code(thread_.thr_handle(), exit_code);
-    return code == vel::error::none &&
-           (exit_code == still_running || VELLib::GetErrorCode() == vel::error::wait_timeout);
+    return is_caller() || VELLib::GetErrorCode() == vel::error::wait_timeout;
 }
 
 int VEL_Thread_Descriptor::suspend() {

@@ -63,7 +63,7 @@ private:
     /// Ends the platform thread and closes its handle. 0, or -1 with the system's code.
     int kill(int exit_code);
 
-    /// Whether the thread, after a kill that failed, is there still.
+    /// Whether the thread, after a kill that failed, is there still. Its exit code does not tell: any number may be one.
     bool survived() const;
 
     /// The previous suspend count, or -1 with the system's code.
