@@ -1,11 +1,17 @@
-// Log lines in one process: their text, the files they go to, and what happens when those cannot be written.
+// Log lines: their text, the files they go to, what keeps them out of those, and who else writes there.
 #include <vel/log/log.h>
 
+#include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <map>
+#include <thread>
 #include <vel/frame/error.h>
 #include <vel/frame/exception.h>
+#include <vel/os/file.h>
 #include <vel/os/handle.h>
+#include <vel/os/linux/testing/child_process.h>
+#include <vel/os/linux/testing/small_disk.h>
 #include <vel/platform/directories.h>
 #include <vel/testing/allocator_environment.h>
 #include <vel/testing/failing_allocations.h>
@@ -14,156 +20,139 @@
 namespace {
 
 namespace fs = std::filesystem;
+namespace os = vel::os;
 using testing::ElementsAre;
-using testing::EndsWith;
-using testing::StartsWith;
-using vel::testing::TemporaryDirectory;
+using testing::Pair;
+using vel::testing::ChildProcess;
+using vel::testing::FailingAllocations;
+using vel::testing::Talk;
 
 constexpr SYSTEMTIME last_second{2026, 11, 1, 30, 23, 59, 59, 999};
 constexpr SYSTEMTIME next_month{2026, 12, 2, 1, 0, 0, 0, 0};
+constexpr size_t time_size = 21;
 
 /// Keeps each line and decides whether it goes on to the file.
 class TestLog : public VEL_Log {
 public:
-    explicit TestLog(const TemporaryDirectory& directory) : VEL_Log(0) { set_log_dir(directory.path().c_str()); }
+    explicit TestLog(const std::string& directory) : VEL_Log(0) { set_log_dir(directory.c_str()); }
 
     using VEL_Log::log_file;
     using VEL_Log::make_log_header;
 
     int handle_log_output(const char* line) override {
-        last = line;
+        all += last = line;
         return verdict;
     }
 
-    /// The last line without its time.
-    std::string text() const { return last.substr(21); }
-
-    std::string last;
+    std::string last, all;
     int verdict = 0;
 };
 
 /// A logger on a directory of its own.
 class Log : public testing::Test {
 protected:
-    std::vector<std::string> files() const {
-        std::vector<std::string> names;
+    ~Log() override {
+        log_.set_log_dir(nullptr); // which closes the file
+        EXPECT_EQ(os::open_handle_count(), handles_);
+    }
+
+    /// The files by name, and what they hold.
+    std::map<std::string, std::string> files() const {
+        std::map<std::string, std::string> texts;
         for (const auto& entry : fs::recursive_directory_iterator(directory_.path()))
-            if (entry.is_regular_file()) names.push_back(fs::relative(entry.path(), directory_.path()));
-        std::sort(names.begin(), names.end());
-        return names;
+            if (entry.is_regular_file())
+                texts[fs::relative(entry.path(), directory_.path())] = vel::testing::content_of(entry.path());
+        return texts;
     }
-
-    /// What all files hold.
     std::string written() const {
-        std::string text;
-        for (const std::string& file : files()) text += vel::testing::content_of(directory_.path(file));
-        return text;
+        std::string all;
+        for (const auto& [name, text] : files()) all += text;
+        return all;
     }
 
-    const TemporaryDirectory directory_;
-    TestLog log_{directory_};
+    const uint64_t handles_ = os::open_handle_count();
+    const vel::testing::TemporaryDirectory directory_;
+    TestLog log_{directory_.path()};
 };
 
-TEST_F(Log, HeaderTellsTimeSeverityAndAtLevelOneThePlace) {
+TEST_F(Log, LineTellsTimeSeverityAndAtLevelOneThePlace) {
+    char buffer[100];
+    EXPECT_EQ(log_.make_log_header({7, 1, 0, 2, 3, 4, 5, 6}, buffer, 0, 0, "", 0), buffer + time_size + 6);
+    EXPECT_STREQ(buffer, "[0007-01-02 03:04:05][INFO]");
     const struct {
         uint32_t kind, level;
-        const char *file, *rest;
+        const char *file, *line;
     } rows[] = {
-        {0, 0, "a.cpp", "[INFO]"},
-        {1, 2, "a.cpp", "[WARNING]"}, // only 1 is a level with places
-        {2, 1, "stream.cpp", "[ERROR][stream.cpp][120 line]"},
-        {7, 1, "src\\net\\a.cpp", "[INFO][a.cpp][120 line]"},
-        {0, 1, "src/net/a.cpp", "[INFO][src/net/a.cpp][120 line]"},
-        {0, 1, "src\\", "[INFO][][120 line]"},
+        {0, 0, "a.cpp", "[INFO]100%s\r\n"},
+        {1, 2, "a.cpp", "[WARNING]100%s\r\n"}, // only 1 is a level with places
+        {2, 1, "stream.cpp", "[ERROR][stream.cpp][120 line]100%s\r\n"},
+        {7, 1, "src\\net\\a.cpp", "[INFO][a.cpp][120 line]100%s\r\n"},
+        {0, 1, "src/net/a.cpp", "[INFO][src/net/a.cpp][120 line]100%s\r\n"},
     };
-    char buffer[100];
-    *log_.make_log_header({7, 1, 0, 2, 3, 4, 5, 6}, buffer, 0, 0, "", 0) = '|';
-    EXPECT_THAT(buffer, StartsWith("[0007-01-02 03:04:05][INFO]|"));
     for (const auto& row : rows) {
-        char* end = log_.make_log_header(last_second, buffer, row.kind, row.level, row.file, 120);
-        EXPECT_EQ(std::string(&buffer[0], end), std::string("[2026-11-30 23:59:59]") + row.rest);
+        log_.set_level(row.level);
+        log_.log(row.kind, row.file, 120, "%d%s", 100, "%s");
+        EXPECT_EQ(log_.last.substr(time_size), row.line);
     }
+    EXPECT_EQ(written(), log_.all);
 }
 
-TEST_F(Log, EveryCallWritesItsLineAndTextIsNeverAFormat) {
-    log_.set_level(1);
-    log_.log(2, "n\\a.cpp", 3, "%s %d", "one", 1);
-    std::string all = log_.last;
-    EXPECT_EQ(log_.text(), "[ERROR][a.cpp][3 line]one 1\r\n");
-    log_.set_level(0);
-    const auto expect = [&](const std::string& text) {
-        EXPECT_EQ(log_.text(), text + "\r\n");
-        all += log_.last;
-    };
-    const std::string hostile = "100%s%n%999999d \r\n[forged] \x1b[31m \xED\x95\x9C\xFF";
-    log_.log_info("", 0, "%s", hostile.c_str());
-    expect("[INFO]" + hostile);
+TEST_F(Log, LineIsCutWhereItsRoomOrItsTextEnds) {
+    const auto expect = [&](const std::string& text) { EXPECT_EQ(log_.last.substr(time_size), text + "\r\n"); };
+    const std::string text(40'000, 'x');
+    const size_t room = 32'768 - time_size - 2;
     log_.log_warning("", 0, "before%cbehind", '\0');
     expect("[WARNING]before");
     log_.log_error("", 0, "before%ls", L"\xE9"); // not to be shown in the C locale
     expect("[ERROR]before");
-    const std::string text(40'000, 'x');
-    for (const size_t length : {32'768 - 27 - 2, 40'000}) {
+    for (const size_t length : {room - 6, text.size()}) {
         log_.log_info("", 0, "%s", text.substr(0, length).c_str());
-        expect("[INFO]" + text.substr(0, 32'768 - 27 - 2));
+        expect("[INFO]" + text.substr(0, room - 6));
     }
     log_.set_level(1);
     log_.log_info(text.c_str(), 1, "no room for this");
-    expect("[INFO][" + text.substr(0, 32'768 - 27 - 1 - 2));
-    EXPECT_EQ(written(), all);
+    expect("[INFO][" + text.substr(0, room - 7));
+    log_.verdict = -1;
+    const std::string before = written();
+    log_.log_info("", 0, "kept out");
+    EXPECT_EQ(written(), before);
 }
 
 TEST_F(Log, EveryDayHasItsFile) {
     const SYSTEMTIME year_later{2027, 12, 3, 1, 0, 0, 0, 0}, back{2027, 1, 5, 1, 0, 0, 0, 0};
     for (const SYSTEMTIME& time : {last_second, next_month, year_later, back, last_second})
-        log_.log_file(time, (std::to_string(time.wYear * 100 + time.wMonth) + "\r\n").c_str());
-    EXPECT_THAT(files(), ElementsAre("Log202611/log_20261130.log", "Log202612/log_20261201.log",
-                                     "Log202701/log_20270101.log", "Log202712/log_20271201.log"));
-    EXPECT_EQ(written(), "202611\r\n202611\r\n202612\r\n202701\r\n202712\r\n");
-}
-
-TEST_F(Log, OverrideKeepsLinesOutOfTheFile) {
-    log_.verdict = -1;
-    log_.log_error("", 0, "hidden");
-    EXPECT_TRUE(fs::is_empty(directory_.path())) << "not even a directory";
-    log_.verdict = 1;
-    log_.log_error("", 0, "shown");
-    EXPECT_EQ(written(), log_.last);
+        log_.log_file(time, std::to_string(time.wYear).c_str());
+    EXPECT_THAT(files(),
+                ElementsAre(Pair("Log202611/log_20261130.log", "20262026"), Pair("Log202612/log_20261201.log", "2026"),
+                            Pair("Log202701/log_20270101.log", "2027"), Pair("Log202712/log_20271201.log", "2027")));
 }
 
 TEST_F(Log, DirectoryDropsOneSeparatorTakesTheNextLineAndIsTheExecutablesForNull) {
+    for (const auto& [given, kept] : {std::pair{"/a/b", "/a/b"}, {"/a/b/", "/a/b"}, {"/a/b//", "/a/b/"}, {"/", ""}}) {
+        log_.set_log_dir(given);
+        EXPECT_EQ(log_.get_log_dir(), kept);
+    }
+    log_.set_log_dir(nullptr);
+    log_.log_file({1601, 1, 1, 1, 0, 0, 0, 0}, "one");
     char own[260];
     ASSERT_GT(VELLib::getmodpath(own, sizeof own), 0u);
-    EXPECT_EQ(VEL_Log(0).get_log_dir(), own);
-    const struct {
-        const char *given, *kept;
-    } rows[] = {{"/a/b", "/a/b"}, {"/a/b/", "/a/b"}, {"/a/b//", "/a/b/"}, {"/", ""}, {"", ""}};
-    for (const auto& row : rows) {
-        log_.set_log_dir(row.given);
-        EXPECT_EQ(log_.get_log_dir(), row.kept);
-    }
-    log_.set_log_dir(directory_.path("deep/er//").c_str());
-    log_.log_file(last_second, "one\r\n");
-    log_.set_log_dir(nullptr);
-    const SYSTEMTIME long_ago{1601, 1, 1, 1, 0, 0, 0, 0};
-    log_.log_file(long_ago, "two\r\n");
     const fs::path month = fs::path(own) / "Log160101";
-    EXPECT_EQ(vel::testing::content_of(month / "log_16010101.log"), "two\r\n");
+    EXPECT_EQ(vel::testing::content_of(month / "log_16010101.log"), "one");
     fs::remove_all(month);
-    EXPECT_THAT(files(), ElementsAre("deep/er/Log202611/log_20261130.log"));
+    log_.set_log_dir(directory_.path("deep/er").c_str());
+    log_.log_file(last_second, "two");
+    EXPECT_EQ(files()["deep/er/Log202611/log_20261130.log"], "two");
 }
 
 TEST_F(Log, WhatIsInTheWayDropsLinesAndAVanishedDirectoryIsMadeAnew) {
-    const uint64_t handles = vel::os::open_handle_count();
     directory_.file("Log202611", "a file in the way");
-    log_.log_file(last_second, "one\r\n");
+    log_.log_file(last_second, "one");
     EXPECT_EQ(VELLib::GetErrorCode(), 183u);
     fs::remove(directory_.path("Log202611"));
     fs::create_directories(directory_.path("Log202611/log_20261130.log"));
-    log_.log_file(last_second, "two\r\n");
+    log_.log_file(last_second, "two");
     EXPECT_EQ(VELLib::GetErrorCode(), 5u);
-    EXPECT_EQ(vel::os::open_handle_count(), handles);
-    for (const char* line : {"three\r\n", "four\r\n"}) { // the second with the deleted file open
+    for (const char* line : {"three", "four"}) { // the second with the deleted file open
         fs::remove_all(directory_.path());
         log_.log_file(last_second, line);
         EXPECT_EQ(written(), line);
@@ -171,7 +160,7 @@ TEST_F(Log, WhatIsInTheWayDropsLinesAndAVanishedDirectoryIsMadeAnew) {
 }
 
 TEST_F(Log, PieceOfAKilledWriterStaysOnALineOfItsOwn) {
-    TestLog other(directory_);
+    TestLog other(directory_.path());
     log_.log_file(last_second, "one\r\n");
     std::ofstream(directory_.path("Log202611/log_20261130.log"), std::ios::app) << "[pie";
     other.log_file(last_second, "ce"); // no line, so that it continues
@@ -181,47 +170,114 @@ TEST_F(Log, PieceOfAKilledWriterStaysOnALineOfItsOwn) {
 }
 
 TEST_F(Log, ShortageOfMemoryDropsLinesAndThrowsFromSetLogDirAlone) {
-    VELLib::set_allocator(nullptr);
-    log_.log_info("", 0, "dropped");
-    VELLib::set_allocator(VEL_Std_Allocator::instance());
-    VEL_Log quiet(0);
-    const std::string path = directory_.path();
+    const std::string path = directory_.path("new");
     try {
-        const vel::testing::FailingAllocations failing(0);
-        quiet.set_log_dir(path.c_str());
+        const FailingAllocations failing(0);
+        log_.set_log_dir(path.c_str());
         ADD_FAILURE() << "no memory, no exception";
     } catch (const VEL_Exception& exception) {
         EXPECT_EQ(exception.GetErrorCode(), 8u);
     }
+    VELLib::set_allocator(nullptr);
+    log_.log_info("", 0, "dropped");
+    VELLib::set_allocator(VEL_Std_Allocator::instance());
+    VEL_Log quiet(0);
     quiet.set_log_dir(path.c_str());
-    int shortages = 0;
-    for (; written().empty() && shortages < 100; ++shortages) {
-        const vel::testing::FailingAllocations failing(shortages);
+    int granted = 0;
+    for (; written().empty() && granted < 100; ++granted) {
+        const FailingAllocations failing(granted);
         quiet.log_info("", 0, "one");
     }
-    EXPECT_GT(shortages, 1);
-    EXPECT_THAT(written(), EndsWith("[INFO]one\r\n"));
+    EXPECT_GT(granted, 1);
+    EXPECT_THAT(written(), testing::EndsWith("[INFO]one\r\n"));
 }
 
 TEST_F(Log, CopiesShareTheFileAndOwnTheirDirectory) {
-    const uint64_t handles = vel::os::open_handle_count();
-    {
-        TestLog log(log_);
-        log.log_file(last_second, "a");
-        TestLog copy(log);
-        EXPECT_EQ(vel::os::open_handle_count(), handles + 1);
-        log.set_log_dir(directory_.path("z").c_str());
-        log.log_file(last_second, "b");
-        copy.log_file(last_second, "c"); // through the share that is left
-        copy.log_file(next_month, "d");
-        copy = static_cast<const TestLog&>(copy);
-        copy.log_file(next_month, "e");
-        copy = log;
-        EXPECT_EQ(vel::os::open_handle_count(), handles + 1) << "what the target had open is closed";
-        copy.log_file(last_second, "f");
-    }
-    EXPECT_EQ(vel::os::open_handle_count(), handles);
+    log_.log_file(last_second, "a");
+    TestLog copy(log_);
+    EXPECT_EQ(os::open_handle_count(), handles_ + 1);
+    log_.set_log_dir(directory_.path("z").c_str());
+    log_.log_file(last_second, "b");
+    copy.log_file(last_second, "c"); // through the share that is left
+    copy.log_file(next_month, "d");
+    copy = static_cast<const TestLog&>(copy);
+    copy.log_file(next_month, "e");
+    copy = log_;
+    EXPECT_EQ(os::open_handle_count(), handles_ + 1) << "what the target had open is closed";
+    copy.log_file(last_second, "f");
     EXPECT_EQ(written(), "acdebf");
+}
+
+/// The lengths differ, and some lines pass the end of a page.
+std::string message(char writer, int number) {
+    return std::string(number % 97 == 0 ? 5000 : 1 + number % 150, writer) + std::to_string(number);
+}
+
+// Each process writes through a logger and a copy that shares its open file.
+TEST_F(Log, ManyWritersLoseAndTearNoLine) {
+    constexpr int lines_each = 2000;
+    const auto write = [](VEL_Log& log, char writer, int first, int end) {
+        for (int number = first; number < end; ++number) log.log_info("", 0, "%s", message(writer, number).c_str());
+    };
+    for (const int writers : {2, 8}) {
+        fs::remove_all(directory_.path());
+        std::vector<std::unique_ptr<ChildProcess>> processes;
+        for (char writer = 'a'; writer < 'a' + writers; writer += 2)
+            processes.push_back(std::make_unique<ChildProcess>([&, writer](Talk& parent) {
+                VEL_Log log(0);
+                log.set_log_dir(directory_.path().c_str());
+                if (!parent.hear()) return 1;
+                write(log, writer, 0, 1);
+                VEL_Log copy(log);
+                std::thread other([&] { write(copy, static_cast<char>(writer + 1), 0, lines_each); });
+                write(log, writer, 1, lines_each);
+                other.join();
+                return 0;
+            }));
+        for (auto& process : processes) process->talk().tell(); // all begin without a file
+        for (auto& process : processes) EXPECT_EQ(process->wait(), 0);
+        std::map<char, int> next;
+        std::istringstream lines(written());
+        for (std::string line; std::getline(lines, line);) {
+            const char writer = line.size() > time_size + 6 ? line[time_size + 6] : '?';
+            ASSERT_EQ(line.substr(time_size), "[INFO]" + message(writer, next[writer]++) + "\r");
+        }
+        for (int writer = 0; writer < writers; ++writer) EXPECT_EQ(next[static_cast<char>('a' + writer)], lines_each);
+    }
+}
+
+TEST_F(Log, LineWaitsForTheLockOnWhatIsThere) {
+    log_.log_file(last_second, "one");
+    void* file = nullptr;
+    os::open_file(directory_.path("Log202611/log_20261130.log").c_str(), os::FileOpen::open_write, file);
+    ASSERT_EQ(os::lock_range(file, 2, 1, true), 0u);
+    auto line = std::async(std::launch::async, [&] { log_.log_file(last_second, "two"); });
+    EXPECT_EQ(line.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    os::close_handle(file);
+    EXPECT_EQ(line.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
+
+TEST_F(Log, FullDiskTakesWholeLinesOnlyAndIsUsedAgainOnceThereIsRoom) {
+    constexpr int no_disk = 77;
+    ChildProcess writer([&](Talk&) {
+        if (!vel::testing::mount_small_disk(directory_.path(), 16)) return no_disk;
+        const std::string ballast = directory_.file("Ballast", std::string(20'000, 'b'));
+        const std::string line = std::string(1000, 'x') + "\r\n";
+        const auto lines_after_many = [&] {
+            for (int number = 0; number < 100; ++number) log_.log_file(last_second, line.c_str());
+            std::string text = files()["Log202611/log_20261130.log"];
+            size_t count = 0;
+            for (; text.starts_with(line); ++count) text.erase(0, line.size());
+            return text.empty() ? count : 0;
+        };
+        const size_t full = lines_after_many();
+        fs::remove(ballast);
+        const size_t more = lines_after_many();
+        return full > 0 && full < 100 && more > full ? 0 : 1;
+    });
+    const int result = writer.wait();
+    if (result == no_disk) GTEST_SKIP() << "needs the right to mount a file system of its own";
+    EXPECT_EQ(result, 0);
 }
 
 } // namespace
