@@ -52,7 +52,8 @@ public:
 
     /// Takes a waiting connection into a closed stream that nobody else uses yet. It is not registered: give it a
     /// reactor and select its events.
-    /// Errors: 10035 when no connection waits, 10056 when the stream holds a socket.
+    /// Errors: 10035 when no connection waits, 10056 when the stream holds a socket; 10024 without descriptors: the
+    /// connection goes on waiting, and the reactor calls `handle_accept` for it in each cycle until one is free.
     int accept(VEL_SOCK_Stream& stream);
 
     /// The same into an asynchronous stream, which is registered in the proactor. Errors: also the proactor's, and then
