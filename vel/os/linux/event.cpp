@@ -16,18 +16,18 @@ namespace {
 constexpr uint32_t most_handles = 64;
 
 /// The pinned objects of one wait.
-class WaitSet {
+class HandleWait {
 public:
-    ~WaitSet() {
+    ~HandleWait() {
         while (count_ > 0) {
             --count_;
             if (watched_) object(count_).remove_watcher();
             pins_[count_].drop();
         }
     }
-    WaitSet() = default;
-    WaitSet(const WaitSet&) = delete;
-    WaitSet& operator=(const WaitSet&) = delete;
+    HandleWait() = default;
+    HandleWait(const HandleWait&) = delete;
+    HandleWait& operator=(const HandleWait&) = delete;
 
     bool add(void* handle) {
         Waitable* object = pin_waitable(handle);
@@ -138,7 +138,7 @@ uint32_t wait_handle(void* handle, uint32_t timeout_ms) {
 
 uint32_t wait_any(void* const* handles, uint32_t count, uint32_t timeout_ms, uint32_t& index) {
     if (!handles || count == 0 || count > most_handles) return error::invalid_parameter;
-    WaitSet set;
+    HandleWait set;
     for (uint32_t i = 0; i < count; ++i)
         if (!set.add(handles[i])) return error::invalid_handle;
     return set.wait(timeout_ms, index);

@@ -125,7 +125,7 @@ void EpollWaitSet::put_back(uint64_t key) {
 }
 
 // What was recorded may have been taken or withdrawn since.
-uint32_t EpollWaitSet::mark(uint64_t key) {
+uint32_t EpollWaitSet::refresh(uint64_t key) {
     const uint32_t place = members_.find(key);
     if (place == WaitMembers::nowhere) return place;
     const SocketNotices* socket = members_[place].socket;
@@ -138,13 +138,13 @@ uint32_t EpollWaitSet::mark(uint64_t key) {
 
 void EpollWaitSet::recorded(SocketNotices&, uint64_t key) {
     const Guard guard(lock_);
-    const uint32_t place = mark(key);
+    const uint32_t place = refresh(key);
     if (place != WaitMembers::nowhere && (members_.ready_sockets() & WaitMembers::bit(place))) nudge_one();
 }
 
 void EpollWaitSet::retracted(uint64_t key) {
     const Guard guard(lock_);
-    mark(key);
+    refresh(key);
 }
 
 void EpollWaitSet::released(uint64_t key) {

@@ -74,7 +74,7 @@ private:
     void sleep(Lock& lock, const Deadline& deadline);
     void fetch_batch(const timespec* timeout, Batch& batch);
     void apply(const Batch& batch);
-    uint32_t mark(uint64_t key);
+    uint32_t refresh(uint64_t key);
 
     bool await_events();
     void last_sleeper_left();

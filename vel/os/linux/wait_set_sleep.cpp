@@ -118,7 +118,7 @@ void EpollWaitSet::fetch_batch(const timespec* timeout, Batch& batch) {
 }
 
 void EpollWaitSet::apply(const Batch& batch) {
-    for (uint32_t index = 0; index < batch.count; ++index) mark(batch.keys[index]);
+    for (uint32_t index = 0; index < batch.count; ++index) refresh(batch.keys[index]);
     if (batch.nudged) nudged_ = false;
 }
 
