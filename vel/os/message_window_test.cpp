@@ -1,18 +1,15 @@
-// Contract of message windows.
+// Contract of message windows and of the sockets that post to them, with real sockets on the loopback address.
 #include <vel/os/message_window.h>
 
-#include <gtest/gtest.h>
-#include <thread>
-#include <vector>
 #include <vel/os/clock.h>
-#include <vel/os/error_codes.h>
-#include <vel/os/handle.h>
 #include <vel/os/linux/testing/readable.h>
+#include <vel/os/wait_set.h>
+#include <vel/testing/completion_port_fixture.h>
 
 namespace vel::os {
 namespace {
 
-constexpr uint32_t patience_ms = 10000;
+using namespace os::testing;
 
 // Adds up what it is given; destroys the window at message 99.
 int64_t add_up(HWND window, uint32_t message, uint64_t wparam, int64_t lparam, void* context) {
@@ -25,6 +22,9 @@ protected:
     void SetUp() override { ASSERT_EQ(create_window(add_up, &sum_, window_), error::none); }
     void TearDown() override {
         destroy_window(window_);
+        // The notifier may hold a socket for another moment.
+        const uint64_t end = tick_ms64() + patience_ms;
+        while (open_handle_count() != handles_before_ && tick_ms64() < end) std::this_thread::yield();
         EXPECT_EQ(open_handle_count(), handles_before_);
     }
 
@@ -33,7 +33,7 @@ protected:
     bool is_readable() {
         int descriptor = -1;
         EXPECT_EQ(window_descriptor(window_, descriptor), error::none);
-        return testing::is_readable(descriptor);
+        return vel::testing::is_readable(descriptor);
     }
 
     const uint64_t handles_before_ = open_handle_count();
@@ -95,6 +95,155 @@ TEST_F(MessageWindows, CallTheProcedureWhichMayDestroyTheWindow) {
     EXPECT_EQ(dispatch_message(window_, {99, 0, 0}, result), error::none);
     EXPECT_EQ(result, -180);
     EXPECT_EQ(post(1), error::invalid_window);
+}
+
+class WindowNotices : public MessageWindows {
+protected:
+    static constexpr uint32_t number = 77; // of the message
+
+    void SetUp() override {
+        MessageWindows::SetUp();
+        listener_ = open_listener(address_);
+        marker_ = connected();
+    }
+    void TearDown() override {
+        for (const uint64_t socket : sockets_) close_socket(socket);
+        close_socket(listener_);
+        MessageWindows::TearDown();
+    }
+
+    Pair connected() {
+        const Pair pair = connect_pair(listener_, address_);
+        sockets_.insert(sockets_.end(), {pair.client, pair.server});
+        return pair;
+    }
+
+    // A window whose messages are only counted.
+    static HWND create() {
+        HWND window = nullptr;
+        EXPECT_EQ(create_window(nullptr, nullptr, window), error::none);
+        return window;
+    }
+
+    void bind(uint64_t socket, uint32_t notices) { ASSERT_EQ(bind_window(socket, window_, number, notices), 0u); }
+
+    void expect_next(uint64_t socket, uint32_t notice) {
+        EXPECT_EQ(get(), error::none);
+        EXPECT_EQ(message_.message, number);
+        EXPECT_EQ(message_.wparam, socket);
+        EXPECT_EQ(message_.lparam, notice); // without an error
+    }
+
+    // Whether nothing more is posted of what has happened so far: what happens now is the next to arrive.
+    void expect_quiet() {
+        bind(marker_.server, notice::read);
+        send_text(marker_.client, "x");
+        expect_next(marker_.server, notice::read);
+        EXPECT_EQ(read(marker_.server), error::none);
+        EXPECT_EQ(get(0), error::wait_timeout) << message_.lparam;
+    }
+
+    static uint32_t read(uint64_t socket, uint64_t size = 64) {
+        char buffer[64];
+        return receive(socket, buffer, size, size);
+    }
+
+    Address address_;
+    uint64_t listener_ = VEL_INVALID_SOCKET;
+    Pair marker_{};
+    std::vector<uint64_t> sockets_;
+};
+
+TEST_F(WindowNotices, ArePostedOnceUntilTheirUserHasSeenToThem) {
+    const Pair pair = connected();
+    bind(pair.server, notice::all);
+    expect_next(pair.server, notice::write);
+    send_text(pair.client, "abc");
+    expect_next(pair.server, notice::read);
+    send_text(pair.client, "def");
+    expect_quiet();
+    EXPECT_EQ(read(pair.server, 4), error::none);
+    expect_next(pair.server, notice::read);
+    EXPECT_EQ(read(pair.server), error::none);
+    shutdown_socket(pair.client, 1);
+    expect_next(pair.server, notice::close);
+    expect_quiet();
+}
+
+TEST_F(WindowNotices, EndWithMaskSocketOrWindowAndMoveToAnother) {
+    const Pair unbound = connected(), closed = connected(), moved = connected();
+    for (const Pair& pair : {unbound, closed, moved}) bind(pair.server, notice::read);
+    const HWND second = create();
+    bind(unbound.server, 0);
+    EXPECT_EQ(close_socket(closed.server), error::none);
+    EXPECT_EQ(bind_window(moved.server, second, 5, notice::read), error::none);
+    for (const Pair& pair : {unbound, moved}) send_text(pair.client, "x");
+    expect_quiet();
+    EXPECT_EQ(get_message(second, message_, patience_ms), error::none);
+    EXPECT_EQ(message_.message, 5u);
+    EXPECT_EQ(destroy_window(second), error::none);
+    EXPECT_EQ(read(moved.server), error::none);
+    send_text(moved.client, "x");
+    expect_quiet();
+
+    EXPECT_EQ(bind_window(moved.server, second, 5, notice::read), error::invalid_window);
+    EXPECT_EQ(bind_window(closed.server, window_, 5, notice::read), error::not_a_socket);
+    bind(moved.server, notice::read);
+    expect_next(moved.server, notice::read);
+}
+
+TEST_F(WindowNotices, WaitForRoomInAFullQueueWithTheirErrors) {
+    enum { stays, bound_again, moved };
+    for (const int then : {stays, bound_again, moved}) { // what nobody was told of is not lost
+        const Pair pair = connected();
+        for (uint32_t i = 0; i < window_queue_capacity; ++i) ASSERT_EQ(post(1), error::none);
+        if (then != moved) send_text(pair.client, "x");
+        bind(pair.server, notice::all); // finds the queue full with write and read
+        close_socket(pair.client);      // a reset, see connect_to
+        const HWND second = create();
+        EXPECT_EQ(bind_window(marker_.server, second, 1, notice::read), error::none);
+        send_text(marker_.client, "x");
+        EXPECT_EQ(get_message(second, message_, patience_ms), error::none); // by then the reset was seen
+        EXPECT_EQ(read(marker_.server), error::none);
+        for (const uint32_t notices : {0u, notice::all})
+            if (then == bound_again) bind(pair.server, notices);
+        const HWND last = then == moved ? second : window_;
+        if (then == moved) bind_window(pair.server, last, number, notice::all);
+        for (uint32_t i = 0; i < window_queue_capacity; ++i) {
+            ASSERT_EQ(get(0), error::none);
+            ASSERT_EQ(message_.message, 1u);
+        }
+        uint32_t seen = 0;
+        while (!(seen & notice::close)) {
+            ASSERT_EQ(get_message(last, message_, patience_ms), error::none);
+            EXPECT_EQ(seen & message_.lparam, 0u) << "twice";
+            seen |= message_.lparam & 0xFFFF;
+        }
+        EXPECT_EQ(seen & notice::write, then == stays ? notice::write : 0); // it is writable no more
+        EXPECT_EQ(seen & notice::read, then == moved ? 0 : notice::read);
+        EXPECT_EQ(message_.lparam >> 16, error::connection_reset);
+        EXPECT_EQ(destroy_window(second), error::none);
+    }
+}
+
+// The last binding's end lets the thread go, the next one's start needs it again; and everything may be closed at any
+// moment.
+TEST_F(WindowNotices, ComeAndGoWithTheirThread) {
+    for (int round = 0; round < 200; ++round) {
+        const Pair pair = connect_pair(listener_, address_);
+        const HWND window = create();
+        ASSERT_EQ(bind_window(pair.server, window, number, notice::all), error::none);
+        std::thread sender([&] {
+            uint64_t moved = 0;
+            os::send(pair.client, "x", 1, moved);
+            close_socket(round % 3 == 0 ? pair.server : pair.client);
+        });
+        EXPECT_EQ(get_message(window, message_, patience_ms), error::none);
+        if (round % 3 == 1) close_socket(pair.server);
+        EXPECT_EQ(destroy_window(window), error::none);
+        sender.join();
+        for (const uint64_t socket : {pair.client, pair.server}) close_socket(socket);
+    }
 }
 
 } // namespace

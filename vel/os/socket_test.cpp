@@ -1,26 +1,12 @@
 // Contract of the socket calls, typed over the back ends that promise it.
-#include <vel/os/socket.h>
-
-#include <array>
-#include <gtest/gtest.h>
-#include <thread>
-#include <vector>
-#include <vel/os/error_codes.h>
-#include <vel/os/handle.h>
+#include <vel/testing/completion_port_fixture.h>
 
 namespace vel::os {
 namespace {
 
-constexpr int ipv4 = 2, stream = 1, datagram = 2, own_level = 0xFFFF;
-constexpr uint32_t patience_ms = 5000;
-
-// The 16-byte record; port and address in network order.
-struct Address {
-    uint16_t family = ipv4;
-    uint16_t port = 0;
-    std::array<uint8_t, 4> host{127, 0, 0, 1};
-    std::array<uint8_t, 8> zero{};
-};
+using testing::Address;
+using testing::datagram;
+using testing::stream;
 
 // The system's own sockets. Another back end is a struct with the same names.
 struct SystemSockets {
@@ -47,9 +33,8 @@ protected:
 
     uint64_t open(int type) {
         uint64_t socket = VEL_INVALID_SOCKET;
-        EXPECT_EQ(Back::open(ipv4, type, 0, socket), error::none);
-        opened_.push_back(socket);
-        return socket;
+        EXPECT_EQ(Back::open(testing::ipv4, type, 0, socket), error::none);
+        return opened_.emplace_back(socket);
     }
 
     // A socket bound to a free port of the loopback address.
@@ -57,8 +42,7 @@ protected:
         const uint64_t socket = open(type);
         int32_t length = sizeof address;
         address = {};
-        EXPECT_EQ(Back::bind(socket, &address, length), error::none);
-        EXPECT_EQ(Back::local_name(socket, &address, length), error::none);
+        EXPECT_EQ(Back::bind(socket, &address, length) + Back::local_name(socket, &address, length), error::none);
         EXPECT_TRUE(type != stream || Back::listen(socket) == error::none);
         return socket;
     }
@@ -71,8 +55,13 @@ protected:
         uint64_t server = VEL_INVALID_SOCKET;
         EXPECT_EQ(Back::connect(client, &address, length), error::none);
         EXPECT_EQ(Back::accept(door, &address, length, server), error::none);
-        opened_.push_back(server);
-        return {client, server, door};
+        return {client, opened_.emplace_back(server), door};
+    }
+
+    static uint32_t receive(uint64_t socket) {
+        char byte;
+        uint64_t moved = 0;
+        return Back::receive(socket, &byte, 1, moved);
     }
 
     uint64_t handles_before_ = open_handle_count();
@@ -82,6 +71,7 @@ protected:
 TYPED_TEST_SUITE(Sockets, ::testing::Types<SystemSockets>);
 
 TYPED_TEST(Sockets, RefusedResetAndTimedOutAreToldApart) {
+    constexpr int own_level = 0xFFFF;
     Address address;
     TypeParam::close(this->bound(stream, address));
     EXPECT_EQ(TypeParam::connect(this->open(stream), &address, sizeof address), error::connection_refused);
@@ -90,11 +80,11 @@ TYPED_TEST(Sockets, RefusedResetAndTimedOutAreToldApart) {
     const uint16_t abortive[2] = {1, 0};
     uint64_t moved = 0;
     ASSERT_EQ(TypeParam::set_option(client, own_level, 0x1006, &soon_ms, sizeof soon_ms), error::none);
-    EXPECT_EQ(TypeParam::receive(client, &moved, 1, moved), error::socket_timed_out);
+    EXPECT_EQ(this->receive(client), error::socket_timed_out);
     ASSERT_EQ(TypeParam::set_option(gone, own_level, 0x80, abortive, sizeof abortive), error::none);
     ASSERT_EQ(TypeParam::close(gone), error::none);
-    ASSERT_EQ(TypeParam::wait(client, SocketWait::readable, patience_ms), error::none);
-    EXPECT_EQ(TypeParam::receive(client, &moved, 1, moved), error::connection_reset);
+    ASSERT_EQ(TypeParam::wait(client, SocketWait::readable, testing::patience_ms), error::none);
+    EXPECT_EQ(this->receive(client), error::connection_reset);
     EXPECT_EQ(TypeParam::send(client, "x", 1, moved), error::connection_reset);
 }
 
@@ -104,8 +94,7 @@ TYPED_TEST(Sockets, RebindsOverItsOwnEndedConnectionsOnly) {
     int32_t length = sizeof address;
     ASSERT_EQ(TypeParam::local_name(door, &address, length), error::none);
     TypeParam::close(server); // the first to close keeps the address in TIME_WAIT
-    uint64_t moved = 1;
-    EXPECT_EQ(TypeParam::receive(client, &moved, 1, moved), error::none);
+    EXPECT_EQ(this->receive(client), error::none);
     TypeParam::close(client);
     EXPECT_EQ(TypeParam::bind(this->open(stream), &address, sizeof address), error::address_in_use);
     TypeParam::close(door);
@@ -114,10 +103,6 @@ TYPED_TEST(Sockets, RebindsOverItsOwnEndedConnectionsOnly) {
 
 // Either order is right: the call sleeps and is woken, or it starts after the close and is refused.
 TYPED_TEST(Sockets, CloseEndsTheCallsThatBlock) {
-    const auto receive_on = [](uint64_t socket) {
-        uint64_t moved = 0;
-        return TypeParam::receive(socket, &moved, 1, moved);
-    };
     for (const int head_start : {0, 10, 2000}) {
         Address address;
         const uint64_t sockets[] = {this->bound(stream, address), this->bound(datagram, address), this->connected()[0],
@@ -127,8 +112,8 @@ TYPED_TEST(Sockets, CloseEndsTheCallsThatBlock) {
         int32_t length = sizeof address;
         std::thread sleepers[] = {
             std::thread([&] { codes[0] = TypeParam::accept(sockets[0], &address, length, fresh); }),
-            std::thread([&] { codes[1] = receive_on(sockets[1]); }),
-            std::thread([&] { codes[2] = receive_on(sockets[2]); }),
+            std::thread([&] { codes[1] = this->receive(sockets[1]); }),
+            std::thread([&] { codes[2] = this->receive(sockets[2]); }),
             std::thread([&] { codes[3] = TypeParam::wait(sockets[3], SocketWait::readable, VEL_INFINITE); })};
         for (int turn = 0; turn < head_start; ++turn) std::this_thread::yield();
         for (const uint64_t socket : sockets) EXPECT_EQ(TypeParam::close(socket), error::none);

@@ -2,6 +2,7 @@
 #include <vel/os/thread.h>
 
 #include <atomic>
+#include <csignal>
 #include <functional>
 #include <gtest/gtest.h>
 #include <thread>
@@ -16,10 +17,6 @@
 #include <vel/os/linux/testing/object_name.h>
 #include <vel/os/named_mutex.h>
 #include <vel/testing/temporary_directory.h>
-
-#ifndef __has_feature // a word of one compiler only
-#define __has_feature(name) 0
-#endif
 
 namespace vel::os {
 namespace {
@@ -40,9 +37,7 @@ template <class Back>
 class Threads : public ::testing::Test {
 protected:
     void SetUp() override {
-#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
-        GTEST_SKIP() << "the thread sanitizer delays signals and never joins a killed thread";
-#endif
+        if (vel::testing::delays_signals) GTEST_SKIP() << "a killed thread is never joined";
     }
     void TearDown() override {
         for (void* handle : handles_) close_handle(handle);
@@ -204,6 +199,30 @@ TYPED_TEST(Threads, SuspendResumeAndEndRace) {
         ASSERT_EQ(wait_handle(thread, long_ms), error::none);
         stopper.join();
     }
+}
+
+void change_every_signal(int how) {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(how, &all, nullptr);
+}
+
+// The outcome stands when the slot is destroyed, and only there the thread takes the signal.
+TYPED_TEST(Threads, ASuspensionThatComesTooLateDoesNotParkIt) {
+    uint32_t slot = 0;
+    ASSERT_EQ(create_slot([](void*) { change_every_signal(SIG_UNBLOCK); }, slot), error::none);
+    std::atomic<bool> ready{false};
+    this->first_ = [&] {
+        change_every_signal(SIG_BLOCK);
+        set_slot_value(slot, &slot);
+        ready = true;
+    };
+    void* thread = this->start();
+    while (!ready) std::this_thread::yield();
+    EXPECT_EQ(this->previous(TypeParam::suspend, thread), 0u); // pending
+    this->stop_ = true;
+    EXPECT_EQ(this->outcome(thread), 7u);
+    free_slot(slot);
 }
 
 } // namespace

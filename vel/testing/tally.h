@@ -22,10 +22,10 @@ public:
         return count_;
     }
 
-    /// Waits until `n` have been counted, 30 s at most; false when they have not come by then.
-    bool reaches(int64_t n) {
+    /// Waits until `n` have been counted; false when they have not come by then.
+    bool reaches(int64_t n, int limit_ms = 30000) {
         std::unique_lock guard(mutex_);
-        return changed_.wait_for(guard, std::chrono::seconds(30), [&] { return count_ >= n; });
+        return changed_.wait_for(guard, std::chrono::milliseconds(limit_ms), [&] { return count_ >= n; });
     }
 
 private:

@@ -63,6 +63,13 @@ TEST(SocketNotices, AnEdgeThatTheSocketHasOutlivedIsNotTrusted) {
         if (outlived) receive(client, buffer, sizeof buffer, moved);
         EXPECT_EQ(sink.apply(client), outlived ? 0 : notice::read);
     }
+    const Pinned<SocketObject> object(client, HandleKind::socket);
+    const auto mark = object->notices.arm(notice::read); // a receive that finds nothing, and then an edge
+    send_text(server, "b");
+    ASSERT_TRUE(sink.fetch_edge());
+    EXPECT_EQ(sink.apply(client), notice::read);
+    object->notices.received(mark, error::would_block, true);
+    EXPECT_EQ(object->notices.take().mask, notice::read);
     for (const uint64_t socket : {listener, client, server}) EXPECT_EQ(close_socket(socket), error::none);
 }
 

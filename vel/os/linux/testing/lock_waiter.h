@@ -1,6 +1,10 @@
 // Tells when a thread sleeps, for tests that may touch it only then.
 #pragma once
 
+#ifndef __has_feature // a word of one compiler only
+#define __has_feature(name) 0
+#endif
+
 #include <algorithm>
 #include <fstream>
 #include <initializer_list>
@@ -10,6 +14,13 @@
 #include <vel/os/clock.h>
 
 namespace vel::testing {
+
+/// Under the thread sanitizer signals come late, and a killed thread is never joined.
+#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
+inline constexpr bool delays_signals = true;
+#else
+inline constexpr bool delays_signals = false;
+#endif
 
 /// True once the thread sleeps in one of these system calls; false when it has not come to that in 10 s.
 inline bool comes_to_sleep_in(uint32_t thread_id, std::initializer_list<long> calls) {
