@@ -33,8 +33,7 @@ TEST_F(AsyncDgram, EchoesToEachSenderAndTellsCutOnes) {
             return 0;
         };
         ASSERT_EQ(client->open(proactor.get(), 0, "127.0.0.1"), 0);
-        VEL_Byte_Block block;
-        ASSERT_EQ(client->recv(block, 100), 0);
+        ASSERT_EQ(receive(*client, 100), 0);
         const VEL_Byte_Block data(text.size(), text.data());
         expect_failure(error::insufficient_buffer, client->send(data, data.size() + 1, address));
         ASSERT_EQ(proactor->sendSockDgram(client->completion_key(), data, data.size(), address), 0);

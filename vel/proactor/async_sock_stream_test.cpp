@@ -2,6 +2,8 @@
 #include <vel/testing/proactor_fixture.h>
 
 #include <random>
+#include <vel/reactor/acceptor.h>
+#include <vel/reactor/reactor.h>
 #include <vel/reactor/socket.h>
 
 namespace vel::test {
@@ -79,8 +81,7 @@ TEST_F(AsyncStream, IdleTimeoutClosesTheConnection) {
         ended.add();
         return -1;
     };
-    VEL_Byte_Block block;
-    ASSERT_EQ(pair.client->recv(block, 10), 0);
+    ASSERT_EQ(receive(*pair.client, 10), 0);
     ASSERT_TRUE(ended.reaches(1));
     ASSERT_TRUE(pair.server->closes.reaches(1));
     EXPECT_EQ(pair.server->last_key, 0u) << "the registration ends quietly";
@@ -112,8 +113,7 @@ TEST_F(AsyncStream, LeavesNothingBehindWhenDestroyedInItsCallback) {
             server->close(true); // the last references but those of the call
             return -1;
         };
-        VEL_Byte_Block block;
-        ASSERT_EQ(server->recv(block, 10), 0);
+        ASSERT_EQ(receive(*server, 10), 0);
         pair.server.reset();
         ASSERT_EQ(pair.client->send(VEL_Byte_Block(1, "x"), 1), 0);
         pair.client->close(true);
@@ -139,8 +139,7 @@ TEST_F(AsyncStream, EachOperationCompletesOnceHoweverItEnds) {
             return std::thread([&] {
                 const VEL_Byte_Block data(2000, nullptr);
                 for (int i = 0; i < 200; ++i) {
-                    VEL_Byte_Block block;
-                    if (stream.recv(block, 500) == 0) ++started;
+                    if (receive(stream, 500) == 0) ++started;
                     if (stream.send(data, 2000) == 0) ++started;
                 }
             });
@@ -169,10 +168,7 @@ TEST_F(AsyncStream, ClosingTheProactorEndsEverything) {
     std::vector<Ref<Stream>> streams;
     for (int i = 0; i < 20; ++i) {
         Stream* stream = streams.emplace_back(new Stream).get();
-        stream->on_connect = [stream](VEL_Async_Connect_Operation*&, uint32_t) {
-            VEL_Byte_Block block;
-            return stream->recv(block, 100);
-        };
+        stream->on_connect = [stream](VEL_Async_Connect_Operation*&, uint32_t) { return receive(*stream, 100); };
         ASSERT_EQ(stream->open(proactor.get(), address_of(*acceptor)), 0);
         ASSERT_EQ(stream->set_timeout(i % 2 ? 1 : 1000), 0);
     }
@@ -181,6 +177,34 @@ TEST_F(AsyncStream, ClosingTheProactorEndsEverything) {
         EXPECT_EQ(stream->check_open(), -1);
         EXPECT_EQ(stream->references(), 1);
     }
+}
+
+TEST_F(AsyncStream, TakesConnectionsOfAReactor) {
+    VEL_Reactor reactor;
+    const Ref<VEL_Acceptor> door(new VEL_Acceptor);
+    const Ref<Stream> stream(new Stream), refused(new Stream);
+    VEL_INET_Addr address, own;
+    char buffer[8];
+    expect_failure(error::not_a_socket, door->accept(proactor.get(), *stream));
+    ASSERT_EQ(door->open(&reactor, 0, loopback, 0, 0), 0);
+    ASSERT_EQ(VELLib::getsockname(door->get_handle(), address), 0);
+    expect_failure(error::would_block, door->accept(proactor.get(), *stream));
+    stream->on_input = [&](VEL_Async_Read_Operation*& op, uint32_t) {
+        return op->bytes_transferred() == 0 ? -1 : stream->send(op->read_block(), op->bytes_transferred());
+    };
+
+    VEL_Socket client(2, 1, 0), second(2, 1, 0);
+    ASSERT_EQ(client.connect(address, 5000), 0);
+    ASSERT_EQ(door->accept(proactor.get(), *stream), 0);
+    EXPECT_EQ(client.getlocaladdr(own), 0);
+    EXPECT_EQ(stream->get_remote_addr(), own);
+    ASSERT_EQ(receive(*stream, 8), 0);
+    EXPECT_EQ(client.send("hello", 5), 5);
+    EXPECT_EQ(client.recv(buffer, sizeof buffer, 5000), 5);
+
+    ASSERT_EQ(second.connect(address, 5000), 0);
+    expect_failure(error::null_member, door->accept(nullptr, *refused));
+    EXPECT_EQ(second.recv(buffer, sizeof buffer, 5000), 0) << "the connection has been closed";
 }
 
 } // namespace

@@ -30,12 +30,10 @@ TEST_F(ManyConnections, OneExchangeEach) {
         };
         self->on_output = [&, self](VEL_Async_Write_Operation*&, uint32_t error) {
             echoed.add();
-            VEL_Byte_Block block;
-            return error != 0 ? -1 : self->recv(block, 16);
+            return error != 0 ? -1 : receive(*self, 16);
         };
         accepted.add();
-        VEL_Byte_Block block;
-        EXPECT_EQ(self->recv(block, 16), 0);
+        EXPECT_EQ(receive(*self, 16), 0);
     };
     Ref<Acceptor> acceptor = listen(serve);
     for (int i = 0; i < 63; ++i) ASSERT_EQ(acceptor->accept(), 0);

@@ -106,6 +106,12 @@ inline int run_in_process(const std::string& prefix, const std::string& test) {
     return std::system((command + " --gtest_brief=1 --gtest_filter=" + test).c_str()); // tidy: allowed, see above
 }
 
+/// Starts a receive of at most `bytes` into a block of its own.
+int receive(auto& stream, size_t bytes) {
+    VEL_Byte_Block block;
+    return stream.recv(block, bytes);
+}
+
 inline std::string text_of(const VEL_Async_Read_Operation& op) {
     return {static_cast<const char*>(op.read_block().c_ptr(0)), op.bytes_transferred()};
 }
