@@ -9,9 +9,11 @@
 #include <thread>
 #include <vector>
 #include <vel/frame/error.h>
+#include <vel/frame/exception.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/linux/testing/child_process.h>
 #include <vel/platform/directories.h>
+#include <vel/platform/version.h>
 #include <vel/testing/expect_failure.h>
 #include <vel/testing/failing_allocations.h>
 #include <vel/testing/temporary_directory.h>
@@ -104,6 +106,20 @@ TEST_F(Files, CreatedirVisitsEveryComponent) {
         for (std::thread& thread : threads) thread.join();
         for (const int result : results) ASSERT_EQ(result, 0);
     }
+}
+
+// The reader of version records is tested with the boundary.
+TEST_F(Files, VersionsAreReadClearedAndRefused) {
+    const std::string image = VEL_CORPUS "/version_record/pe32_plus";
+    VEL_Version version(image.c_str());
+    EXPECT_EQ(version.fileVerStr(), "1.2.3.4");
+    EXPECT_EQ(version.extract(directory_.file("text", "no image").c_str()), 1);
+    EXPECT_EQ(version.fileVerStr(), "0.0.0.0") << "the values of the file before must go";
+    EXPECT_EQ(version.extract(directory_.path("absent").c_str()), 0);
+    const std::string broken = directory_.file("broken", vel::testing::content_of(image).substr(0, 500));
+    EXPECT_EQ(version.extract(broken.c_str()), 0);
+    EXPECT_EQ(VELLib::GetErrorCode(), 1813u);
+    EXPECT_THROW(VEL_Version(broken.c_str()), VEL_Exception);
 }
 
 // Each call with one more allocation granted at a time.
