@@ -51,7 +51,6 @@ gboolean on_input(GIOChannel* input, GIOCondition, gpointer context) {
 
 gboolean on_tick(gpointer program) {
     std::printf("tick: %u answers\n", static_cast<Program*>(program)->client.answers());
-    std::fflush(stdout);
     return G_SOURCE_CONTINUE;
 }
 
@@ -80,6 +79,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: window_loop HOST PORT\n");
         return 2;
     }
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     if (VELLib::initialize() < 0) return 1;
     const int result = talk(argv[1], static_cast<uint16_t>(std::strtoul(argv[2], nullptr, 10)));
     VELLib::uninitialize();

@@ -22,7 +22,9 @@ constexpr size_t shown_lines = (height - 3 * margin - line_height) / line_height
 class Line_Screen {
 public:
     ~Line_Screen() {
-        if (display_) XCloseDisplay(display_);
+        if (!display_) return;
+        XFreeGC(display_, context_);
+        XCloseDisplay(display_);
     }
 
     bool open() {
