@@ -91,13 +91,16 @@ public:
         for (const VEL_thread_t& thread : left) threads_.wait(thread, VEL_INFINITE);
     }
 
-    /// Lets every thread leave once the jobs that are queued are done, and waits for that.
+    /// Lets every thread leave once the jobs that are queued are done, and waits for that. The words to leave are
+    /// counted: sent to the group, they would miss a thread where another one has left on its word already.
     void stop() {
+        uint32_t threads = 0;
         {
             std::lock_guard guard(lock_);
             stopping_ = true;
+            threads = size_;
         }
-        threads_.sendMessage(pool_group, VEL_Message_Block(new Leave, false));
+        for (; threads > 0; --threads) sendMessage(VEL_Message_Block(new Leave, false));
         threads_.wait(VEL_INFINITE);
         std::printf("answered %u jobs, at most %u threads\n", answered_.load(), largest_);
     }
