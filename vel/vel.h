@@ -53,6 +53,7 @@
 #include <vel/reactor/message_window.h>
 #include <vel/reactor/reactor.h>
 #include <vel/reactor/reactor_link.h>
+#include <vel/reactor/reactor_socket.h>
 #include <vel/reactor/sock_dgram.h>
 #include <vel/reactor/sock_stream.h>
 #include <vel/reactor/socket.h>

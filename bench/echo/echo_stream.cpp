@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
     VEL_Reactor reactor;
     auto* listener = new Listener;
     if (listener->open(&reactor, 0, "127.0.0.1", 0, 0) != 0) bench::fail("open");
-    const int socket = static_cast<int>(reinterpret_cast<uintptr_t>(listener->get_handle()));
+    const int socket = static_cast<int>(listener->get_handle());
     bench::send_at_once(socket);
     for (int i = 0; i < bench::thread_count(argc, argv); ++i)
         std::thread([&reactor] {

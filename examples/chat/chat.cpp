@@ -157,8 +157,8 @@ int serve(uint16_t port) {
     VEL_Reactor reactor;
     auto* door = new Door(room);
     VEL_INET_Addr address;
-    const bool listening = door->open(&reactor, port, 0, 0, 0) == 0 &&
-                           VELLib::getsockname(reinterpret_cast<uint64_t>(door->get_handle()), address) == 0;
+    const bool listening =
+        door->open(&reactor, port, 0, 0, 0) == 0 && VELLib::getsockname(door->get_handle(), address) == 0;
     if (listening) {
         std::printf("listening on port %u\n", address.getport());
         std::fflush(stdout);

@@ -1,10 +1,7 @@
 // Listening TCP socket on a reactor.
 #pragma once
 
-#include <vel/reactor/event_handler.h>
-#include <vel/reactor/reactor_link.h>
-#include <vel/sync/mutex.h>
-#include <vel/sync/thread_safety.h>
+#include <vel/reactor/reactor_socket.h>
 
 class VEL_Async_SOCK_Stream;
 class VEL_INET_Addr;
@@ -32,7 +29,7 @@ class VEL_SOCK_Stream;
 ///             return 0;
 ///         }
 ///     };
-class VEL_API VEL_Acceptor : public VEL_Event_Handler_Impl<VEL_Reference_Counter_Global_Sync> {
+class VEL_API VEL_Acceptor : public vel::ReactorSocket {
 public:
     VEL_Acceptor() = default;
 
@@ -67,26 +64,14 @@ public:
     /// @param no_close  do not call `handle_close`; else it is called for the registration, or without one for the timer
     void close(bool no_close);
 
-    uint64_t get_handle() const;
-    VEL_Reactor* reactor() const;
-    void reactor(VEL_Reactor* reactor);
-
-    /// As on VEL_SOCK_Stream.
-    int select_event(uint32_t mask);
-    void clear_event(uint32_t mask);
-    void clear_event();
-    int set_timeout(uint32_t timeout_ms);
-    void cancel_timeout();
-    int32_t get_timer_id() const;
-
     /// Closes the listener, whatever has ended. Overrides call it.
     int handle_close(void* handle, uint32_t mask, VEL_Reactor* reactor) override;
 
 private:
+    using ReactorSocket::link_;
+    using ReactorSocket::lock_;
+
     int open(VEL_Reactor* reactor, const VEL_INET_Addr& local, int receive_buffer, int send_buffer);
     int start(VEL_Reactor* reactor, const VEL_INET_Addr& local, int receive_buffer, int send_buffer)
         VEL_REQUIRES(lock_);
-
-    mutable VEL_Thread_Mutex lock_;
-    vel::ReactorLink link_ VEL_GUARDED_BY(lock_);
 };

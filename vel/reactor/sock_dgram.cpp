@@ -147,49 +147,9 @@ int VEL_SOCK_Dgram::handle_read_dgram(const void*, uint64_t, const VEL_INET_Addr
 
 int VEL_SOCK_Dgram::handle_write_dgram(const void*, uint64_t, const VEL_INET_Addr&, uint32_t) { return 0; }
 
-int VEL_SOCK_Dgram::set_timeout(uint32_t timeout_ms) {
-    VEL_Guard guard(lock_);
-    return link_.set_timeout(this, timeout_ms);
-}
-
-void VEL_SOCK_Dgram::cancel_timeout() {
-    VEL_Guard guard(lock_);
-    link_.cancel_timeout();
-}
-
-int32_t VEL_SOCK_Dgram::get_timer_id() const {
-    VEL_Guard guard(lock_);
-    return link_.timer_id;
-}
-
-int VEL_SOCK_Dgram::suspend_read(uint32_t timeout_ms) {
-    VEL_Guard guard(lock_);
-    return link_.suspend_read(this, timeout_ms);
-}
-
 int VEL_SOCK_Dgram::resume_read() {
     VEL_Guard guard(lock_);
     return link_.resume_read(this);
-}
-
-int32_t VEL_SOCK_Dgram::get_suspend_id() const {
-    VEL_Guard guard(lock_);
-    return link_.suspend_id;
-}
-
-int VEL_SOCK_Dgram::select_event(uint32_t mask) {
-    VEL_Guard guard(lock_);
-    return link_.select_event(this, mask);
-}
-
-void VEL_SOCK_Dgram::clear_event(uint32_t mask) {
-    VEL_Guard guard(lock_);
-    link_.clear_event(this, mask);
-}
-
-void VEL_SOCK_Dgram::clear_event() {
-    VEL_Guard guard(lock_);
-    link_.clear_event(this, link_.events);
 }
 
 void VEL_SOCK_Dgram::close(bool no_close) {
@@ -202,24 +162,4 @@ void VEL_SOCK_Dgram::close(bool no_close) {
 int VEL_SOCK_Dgram::check_open() {
     VEL_Guard guard(lock_);
     return link_.check_open();
-}
-
-uint64_t VEL_SOCK_Dgram::get_handle() const {
-    VEL_Guard guard(lock_);
-    return link_.socket.get_socket();
-}
-
-int VEL_SOCK_Dgram::get_local_addr(VEL_INET_Addr& address) {
-    VEL_Guard guard(lock_);
-    return link_.socket.getlocaladdr(address);
-}
-
-VEL_Reactor* VEL_SOCK_Dgram::reactor() const {
-    VEL_Guard guard(lock_);
-    return link_.reactor;
-}
-
-void VEL_SOCK_Dgram::reactor(VEL_Reactor* reactor) {
-    VEL_Guard guard(lock_);
-    link_.reactor = reactor;
 }

@@ -5,10 +5,7 @@
 #include <vel/buffers/byte_block.h>
 #include <vel/memory/queue.h>
 #include <vel/platform/inet_addr.h>
-#include <vel/reactor/event_handler.h>
-#include <vel/reactor/reactor_link.h>
-#include <vel/sync/mutex.h>
-#include <vel/sync/thread_safety.h>
+#include <vel/reactor/reactor_socket.h>
 
 /// A non-blocking datagram socket with a send queue; a reactor sends what the socket did not take at once, and brings
 /// what arrives, datagram by datagram, with the sender's address.
@@ -32,7 +29,7 @@
 ///             return 0;                                              // a negative result closes the socket
 ///         }
 ///     };
-class VEL_API VEL_SOCK_Dgram : public VEL_Event_Handler_Impl<VEL_Reference_Counter_Global_Sync> {
+class VEL_API VEL_SOCK_Dgram : public vel::ReactorSocket {
 public:
     /// A datagram to send and where it goes.
     class VEL_API VEL_Dgram_Token {
@@ -78,30 +75,13 @@ public:
     /// One receive from the socket, for classes that do not leave it to `handle_read_dgram`. Errors: 10035, 10040.
     int recvfrom(void* buffer, uint64_t size, VEL_INET_Addr& from);
 
-    /// Calls `handle_timeout` every `timeout_ms` from now on; a timer that runs already starts anew. When
-    /// `handle_timeout` returns a negative value the socket is closed.
-    int set_timeout(uint32_t timeout_ms);
-    void cancel_timeout();
-
-    /// The time-out timer, 0 for none.
-    int32_t get_timer_id() const;
-
-    /// Stops input until `resume_read`; every `timeout_ms` until then `handle_timeout` is called.
-    int suspend_read(uint32_t timeout_ms);
+    // As on every socket of a reactor that transfers data.
+    using ReactorSocket::get_local_addr;
+    using ReactorSocket::get_suspend_id;
+    using ReactorSocket::suspend_read;
 
     /// Does nothing but `check_open` when input is not suspended.
     int resume_read();
-
-    /// The timer of the suspension, 0 for none.
-    int32_t get_suspend_id() const;
-
-    /// Registers for more events (4 input, 8 output).
-    /// @return 0 for a new registration, 1 for more events of one, -1
-    int select_event(uint32_t mask);
-
-    /// Takes back some or all events without `handle_close`.
-    void clear_event(uint32_t mask);
-    void clear_event();
 
     /// Ends registration and timers, drops what was not sent and closes the socket.
     /// @param no_close  do not call `handle_close` for registration and time-out timer; for a suspension it never is
@@ -109,11 +89,6 @@ public:
 
     /// 0, or -1 with 10038 (no socket) or 0x20000004 (no reactor).
     int check_open();
-
-    uint64_t get_handle() const;
-    int get_local_addr(VEL_INET_Addr& address);
-    VEL_Reactor* reactor() const;
-    void reactor(VEL_Reactor* reactor);
 
     /// The handler slots. Overrides call them.
     int handle_input(void* handle, VEL_Reactor* reactor, uint32_t error) override;
@@ -131,13 +106,14 @@ public:
     virtual int handle_write_dgram(const void* data, uint64_t size, const VEL_INET_Addr& to, uint32_t error);
 
 private:
+    using ReactorSocket::link_;
+    using ReactorSocket::lock_;
+
     int bind(VEL_Reactor* reactor, const VEL_INET_Addr& local);
     int prepare(const VEL_INET_Addr& local) VEL_REQUIRES(lock_);
     bool next() VEL_REQUIRES(lock_);
     uint32_t send_pending(uint64_t& sent) VEL_REQUIRES(lock_);
 
-    mutable VEL_Thread_Mutex lock_;
     VEL_Queue<VEL_Dgram_Token> queue_ VEL_GUARDED_BY(lock_);
     std::optional<VEL_Dgram_Token> pending_ VEL_GUARDED_BY(lock_); // sent before those in the queue
-    vel::ReactorLink link_ VEL_GUARDED_BY(lock_);
 };

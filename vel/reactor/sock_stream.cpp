@@ -107,50 +107,9 @@ int VEL_SOCK_Stream::check_locked() const {
     return transfer_.is_open() ? 0 : vel::report(vel::error::null_member);
 }
 
-int VEL_SOCK_Stream::set_timeout(uint32_t timeout_ms) {
-    VEL_Guard guard(lock_);
-    return link_.set_timeout(this, timeout_ms);
-}
-
-void VEL_SOCK_Stream::cancel_timeout() {
-    VEL_Guard guard(lock_);
-    link_.cancel_timeout();
-}
-
-// The lock makes a timer that fires at once wait here until its id is known.
-int32_t VEL_SOCK_Stream::get_timer_id() const {
-    VEL_Guard guard(lock_);
-    return link_.timer_id;
-}
-
-int VEL_SOCK_Stream::suspend_read(uint32_t timeout_ms) {
-    VEL_Guard guard(lock_);
-    return link_.suspend_read(this, timeout_ms);
-}
-
 int VEL_SOCK_Stream::resume_read() {
     VEL_Guard guard(lock_);
     return link_.suspend_id != 0 ? link_.resume_read(this) : check_locked();
-}
-
-int32_t VEL_SOCK_Stream::get_suspend_id() const {
-    VEL_Guard guard(lock_);
-    return link_.suspend_id;
-}
-
-int VEL_SOCK_Stream::select_event(uint32_t mask) {
-    VEL_Guard guard(lock_);
-    return link_.select_event(this, mask);
-}
-
-void VEL_SOCK_Stream::clear_event(uint32_t mask) {
-    VEL_Guard guard(lock_);
-    link_.clear_event(this, mask);
-}
-
-void VEL_SOCK_Stream::clear_event() {
-    VEL_Guard guard(lock_);
-    link_.clear_event(this, link_.events);
 }
 
 int VEL_SOCK_Stream::shutdown(int how) {
@@ -158,27 +117,7 @@ int VEL_SOCK_Stream::shutdown(int how) {
     return link_.socket.shutdown(how);
 }
 
-uint64_t VEL_SOCK_Stream::get_handle() const {
-    VEL_Guard guard(lock_);
-    return link_.socket.get_socket();
-}
-
-int VEL_SOCK_Stream::get_local_addr(VEL_INET_Addr& address) {
-    VEL_Guard guard(lock_);
-    return link_.socket.getlocaladdr(address);
-}
-
 VEL_INET_Addr VEL_SOCK_Stream::get_remote_addr() {
     VEL_Guard guard(lock_);
     return remote_;
-}
-
-VEL_Reactor* VEL_SOCK_Stream::reactor() const {
-    VEL_Guard guard(lock_);
-    return link_.reactor;
-}
-
-void VEL_SOCK_Stream::reactor(VEL_Reactor* reactor) {
-    VEL_Guard guard(lock_);
-    link_.reactor = reactor;
 }

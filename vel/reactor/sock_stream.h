@@ -2,11 +2,8 @@
 #pragma once
 
 #include <vel/platform/inet_addr.h>
-#include <vel/reactor/event_handler.h>
-#include <vel/reactor/reactor_link.h>
+#include <vel/reactor/reactor_socket.h>
 #include <vel/reactor/stream_transfer.h>
-#include <vel/sync/mutex.h>
-#include <vel/sync/thread_safety.h>
 
 class VEL_Acceptor;
 class VEL_Guard;
@@ -33,7 +30,7 @@ class VEL_Guard;
 ///             return error != 0 ? -1 : send(VEL_Byte_Block(size, data));     // 0x20000012: the peer has closed
 ///         }
 ///     };
-class VEL_API VEL_SOCK_Stream : public VEL_Event_Handler_Impl<VEL_Reference_Counter_Global_Sync> {
+class VEL_API VEL_SOCK_Stream : public vel::ReactorSocket {
 public:
     VEL_SOCK_Stream() = default;
 
@@ -65,29 +62,13 @@ public:
     /// Whether no block waits to be written; so for a closed stream.
     bool is_send_all_completed();
 
-    /// Calls `handle_timeout` every `timeout_ms` from now on; a timer that runs already starts anew. When
-    /// `handle_timeout` returns a negative value the connection is closed.
-    int set_timeout(uint32_t timeout_ms);
-    void cancel_timeout();
-
-    /// The time-out timer, 0 for none.
-    int32_t get_timer_id() const;
-
-    /// Stops input until `resume_read`; every `timeout_ms` until then `handle_timeout` is called.
-    int suspend_read(uint32_t timeout_ms);
+    // As on every socket of a reactor that transfers data.
+    using ReactorSocket::get_local_addr;
+    using ReactorSocket::get_suspend_id;
+    using ReactorSocket::suspend_read;
 
     /// Does nothing but `check_open` when input is not suspended.
     int resume_read();
-
-    /// The timer of the suspension, 0 for none.
-    int32_t get_suspend_id() const;
-
-    /// Registers for more events (4 input, 8 output); an accepted stream starts with none. Returns 0 or -1.
-    int select_event(uint32_t mask);
-
-    /// Takes back some or all events without `handle_close`.
-    void clear_event(uint32_t mask);
-    void clear_event();
 
     /// Ends registration and timers, drops what was not written and closes the socket.
     /// @param no_close  do not call `handle_close`; else it is called for the registration, or without one for the
@@ -100,15 +81,8 @@ public:
     /// 0, or -1 with 10038 (no socket) or 0x20000004 (no reactor, or never opened).
     int check_open();
 
-    uint64_t get_handle() const;
-    int get_local_addr(VEL_INET_Addr& address);
-
     /// The peer's address; an empty one while closed.
     VEL_INET_Addr get_remote_addr();
-
-    /// An accepted stream is given its reactor before it selects events.
-    VEL_Reactor* reactor() const;
-    void reactor(VEL_Reactor* reactor);
 
     /// The handler slots. Overrides call them.
     int handle_input(void* handle, VEL_Reactor* reactor, uint32_t error) override;
@@ -127,6 +101,8 @@ public:
     virtual int handle_write_stream(const void* data, uint64_t size, uint32_t error);
 
 private:
+    using ReactorSocket::link_;
+    using ReactorSocket::lock_;
     friend class VEL_Acceptor;
     friend class vel::StreamTransfer;
 
@@ -136,8 +112,6 @@ private:
     int give_up() VEL_REQUIRES(lock_);
     int check_locked() const VEL_REQUIRES(lock_);
 
-    mutable VEL_Thread_Mutex lock_;
     vel::StreamTransfer transfer_ VEL_GUARDED_BY(lock_);
     VEL_INET_Addr remote_ VEL_GUARDED_BY(lock_);
-    vel::ReactorLink link_ VEL_GUARDED_BY(lock_);
 };
