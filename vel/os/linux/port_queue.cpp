@@ -10,8 +10,9 @@
 namespace vel::os {
 namespace {
 
-// More than this many requests a thread that is awake are worth waking another one.
-constexpr uint32_t backlog_per_thread = 8;
+// Another thread is woken for what those awake will not have taken by then. A wake-up takes some 50 us until the thread
+// runs and costs both sides; with quick handlers and less to do it finds nothing left, and slows the others down.
+constexpr int64_t worth_waking_ns = 200000;
 
 // A busy port looks for new readiness after this many requests, or a handle that is always ready starves the others.
 constexpr uint32_t takes_per_poll = 128;
@@ -156,6 +157,7 @@ PortQueue::Wake PortQueue::go_out(RunningFor& mine) {
     ++running_;
     ++taken_;
     ++taken_since_poll_;
+    pace_.took_one();
     return somebody_sleeps() ? wake_if_needed() : Wake{};
 }
 
@@ -181,11 +183,15 @@ IoRequest* PortQueue::pop() {
     return first;
 }
 
+// Where one thread is all there is use for, nobody asks for the pace.
+int64_t PortQueue::pace_clock() const { return useful_ > 1 ? monotonic_ns() : 0; }
+
 void PortQueue::lead(Guard& guard, const Deadline& deadline) {
     constexpr timespec at_once{0, 0};
     timespec storage;
     leader_ = true;
     taken_since_poll_ = 0;
+    pace_.pause(pace_clock());
     if (ready_ == 0) {
         leader_sleeping_.store(true, std::memory_order_seq_cst);
         collect();
@@ -194,7 +200,9 @@ void PortQueue::lead(Guard& guard, const Deadline& deadline) {
     const timespec* timeout = ready_ > 0 ? &at_once : deadline.remaining(storage);
     guard.unlock();
     events_.poll(timeout, leader_sleeping_);
+    const int64_t now_ns = pace_clock();
     guard.lock();
+    pace_.resume(now_ns);
     leader_ = false;
     interrupted_ = false;
 }
@@ -204,11 +212,14 @@ void PortQueue::follow(Guard& guard, const Deadline& deadline) {
     link(self);
     collect();
     if (ready_ > 0) return unlink(self);
+    pace_.pause(pace_clock());
     guard.unlock();
     timespec storage;
     while (!self.woken.load(std::memory_order_acquire) && !deadline.expired())
         futex_wait(self.woken, 0, deadline.remaining(storage));
+    const int64_t now_ns = pace_clock();
     guard.lock();
+    pace_.resume(now_ns);
     if (!self.woken.load(std::memory_order_relaxed))
         unlink(self);
     else if (!closed_)
@@ -235,7 +246,7 @@ PortQueue::Wake PortQueue::wake_if_needed() {
     const uint32_t busy = unwatched_ ? 0 : awake();
     if (busy == 0) return wake_one();
     const bool wake_under_way = waking_ > 0 || interrupted_;
-    if (!wake_under_way && busy < useful_ && ready_ > busy * backlog_per_thread) return wake_one();
+    if (!wake_under_way && busy < useful_ && pace_.ns_for(ready_) > worth_waking_ns) return wake_one();
     wake.watchdog = !std::exchange(watching_, true);
     return wake;
 }

@@ -7,6 +7,7 @@
 #include <vel/os/linux/deadline.h>
 #include <vel/os/linux/port_events.h>
 #include <vel/os/linux/port_inbox.h>
+#include <vel/os/linux/port_pace.h>
 #include <vel/os/linux/port_watchdog.h>
 #include <vel/os/linux/short_lock.h>
 #include <vel/types.h>
@@ -26,8 +27,8 @@ namespace vel::os {
 ///  - a thread is running from the request it took until it comes for the next one; `running_` counts those the
 ///    watchdog has not given up on;
 ///  - at most one thread leads; while it sleeps there, `leader_sleeping_` is set;
-///  - a sleeper is woken when nobody is awake to take what is ready, or when there is more than those who are awake
-///    will take soon and a processor for one more; at most one such wake is under way;
+///  - a sleeper is woken when nobody is awake to take what is ready, or when those who are awake would take long for it
+///    and there is a processor for one more; at most one such wake is under way;
 ///  - in every other case in which somebody sleeps while there is something to do, the watchdog is watching.
 /// The lock is never held during a system call, but when the port closes.
 class PortQueue {
@@ -78,6 +79,7 @@ private:
     void collect();
     void append(const RequestChain& chain);
     IoRequest* pop();
+    int64_t pace_clock() const;
     void lead(Guard& guard, const Deadline& deadline);
     void follow(Guard& guard, const Deadline& deadline);
     void link(Follower& follower);
@@ -106,6 +108,7 @@ private:
     uint32_t epoch_ = 0; // counts how often the watchdog gave up on those running
     uint32_t waking_ = 0;
     uint32_t taken_since_poll_ = 0;
+    PortPace pace_;
     bool leader_ = false;
     bool interrupted_ = false;
     bool events_enabled_ = false;
