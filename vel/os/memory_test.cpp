@@ -2,46 +2,34 @@
 #include <vel/os/memory.h>
 
 #include <cstring>
-#include <gtest/gtest.h>
-#include <string>
-#include <vel/os/error_codes.h>
-#include <vel/os/handle.h>
 #include <vel/os/linux/testing/child_process.h>
 #include <vel/os/linux/testing/object_name.h>
+#include <vel/testing/os_fixture.h>
 
-namespace vel::os {
+namespace vel::os::testing {
 namespace {
 
-using testing::ChildProcess;
-using testing::ObjectName;
-using testing::Talk;
+using vel::testing::ChildProcess;
+using vel::testing::ObjectName;
+using vel::testing::Talk;
 
-// The system's own named memory. Another back end is a struct with the same name.
-struct SystemMemory {
-    static constexpr auto open = open_mapping;
-};
-
-/// An opened block, closed at the end of its scope.
-template <class Back>
-struct OpenBlock {
-    OpenBlock(const ObjectName& name, uint64_t wanted) {
+// An opened block, closed at the end of its scope.
+struct Block {
+    Block(const ObjectName& name, uint64_t wanted) {
         void* address = nullptr;
-        code = Back::open(name.c_str(), wanted, handle, address, size);
+        code = open_mapping(name.c_str(), wanted, handle, address, size);
         text = static_cast<char*>(address);
     }
-    ~OpenBlock() { close_handle(handle); }
+    ~Block() { close_handle(handle); }
     uint32_t code;
     void* handle = nullptr;
     char* text = nullptr;
     uint64_t size = 0;
 };
 
-template <class>
-class Mapping : public ::testing::Test {};
-TYPED_TEST_SUITE(Mapping, ::testing::Types<SystemMemory>);
+using Mapping = OsTest;
 
-TYPED_TEST(Mapping, IsSharedByItsOpenersAndVanishesWithTheLastHoweverThatOneEnded) {
-    using Block = OpenBlock<TypeParam>;
+TEST_F(Mapping, IsSharedByItsOpenersAndVanishesWithTheLastHoweverThatOneEnded) {
     const uint64_t page = page_size();
     const ObjectName name;
     for (int round = 0; round < 20; ++round) {
@@ -70,4 +58,4 @@ TYPED_TEST(Mapping, IsSharedByItsOpenersAndVanishesWithTheLastHoweverThatOneEnde
 }
 
 } // namespace
-} // namespace vel::os
+} // namespace vel::os::testing

@@ -1,49 +1,30 @@
 // Contract of named mutexes: ownership, time-outs, and owners that die.
 #include <vel/os/named_mutex.h>
 
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
-#include <vel/os/clock.h>
-#include <vel/os/error_codes.h>
-#include <vel/os/handle.h>
 #include <vel/os/linux/testing/child_process.h>
 #include <vel/os/linux/testing/object_name.h>
+#include <vel/testing/os_fixture.h>
 
-namespace vel::os {
+namespace vel::os::testing {
 namespace {
 
-using testing::ChildProcess;
-using testing::ObjectName;
-using testing::Talk;
+using vel::testing::ChildProcess;
+using vel::testing::ObjectName;
+using vel::testing::Talk;
 
-constexpr uint32_t long_ms = 10000;
-constexpr uint32_t short_ms = 20;
-
-// The system's own mutexes. Another back end is a struct with the same names.
-struct SystemMutexes {
-    static constexpr auto open = open_mutex;
-    static constexpr auto acquire = acquire_mutex;
-    static constexpr auto release = release_mutex;
-};
-
-/// An open mutex, closed at the end of its scope.
-template <class Back>
-struct OpenMutex {
-    explicit OpenMutex(const char* name) { EXPECT_EQ(Back::open(name, handle), error::none); }
-    ~OpenMutex() { close_handle(handle); }
-    uint32_t acquire(uint32_t timeout_ms) { return Back::acquire(handle, timeout_ms, abandoned); }
-    uint32_t release() { return Back::release(handle); }
+// An open mutex, closed at the end of its scope.
+struct Mutex {
+    explicit Mutex(const char* name) { EXPECT_EQ(open_mutex(name, handle), error::none); }
+    ~Mutex() { close_handle(handle); }
+    uint32_t acquire(uint32_t timeout_ms) { return acquire_mutex(handle, timeout_ms, abandoned); }
+    uint32_t release() { return release_mutex(handle); }
     void* handle = nullptr;
     bool abandoned = false;
 };
 
-template <class>
-class NamedMutex : public ::testing::Test {};
-TYPED_TEST_SUITE(NamedMutex, ::testing::Types<SystemMutexes>);
+using NamedMutex = OsTest;
 
-TYPED_TEST(NamedMutex, IsRecursiveExcludesOtherThreadsAndGoesOnFromADeadOne) {
-    using Mutex = OpenMutex<TypeParam>;
+TEST_F(NamedMutex, IsRecursiveExcludesOtherThreadsAndGoesOnFromADeadOne) {
     const ObjectName name;
     for (const char* text : {name.c_str(), static_cast<const char*>(nullptr)}) {
         Mutex mutex(text);
@@ -65,7 +46,7 @@ TYPED_TEST(NamedMutex, IsRecursiveExcludesOtherThreadsAndGoesOnFromADeadOne) {
             EXPECT_EQ(other.acquire(0) + other.acquire(0), error::none);
             EXPECT_FALSE(other.abandoned);
         }).join();
-        EXPECT_EQ(mutex.acquire(long_ms), error::none);
+        EXPECT_EQ(mutex.acquire(patience_ms), error::none);
         EXPECT_TRUE(mutex.abandoned);
         EXPECT_EQ(mutex.release(), error::none);
         EXPECT_EQ(mutex.acquire(0), error::none);
@@ -74,8 +55,7 @@ TYPED_TEST(NamedMutex, IsRecursiveExcludesOtherThreadsAndGoesOnFromADeadOne) {
     }
 }
 
-TYPED_TEST(NamedMutex, AKilledProcessHandsItOnWithin100Ms) {
-    using Mutex = OpenMutex<TypeParam>;
+TEST_F(NamedMutex, AKilledProcessHandsItOnWithin100Ms) {
     for (int round = 0; round < 100; ++round) {
         const ObjectName name;
         ChildProcess owner([&](Talk& parent) {
@@ -91,7 +71,7 @@ TYPED_TEST(NamedMutex, AKilledProcessHandsItOnWithin100Ms) {
             owner.kill();
             gone_at = tick_ms64();
         });
-        const uint32_t code = mutex.acquire(round % 2 ? VEL_INFINITE : long_ms);
+        const uint32_t code = mutex.acquire(round % 2 ? VEL_INFINITE : patience_ms);
         const uint64_t owned_at = tick_ms64();
         killer.join();
         ASSERT_EQ(code, error::none);
@@ -102,4 +82,4 @@ TYPED_TEST(NamedMutex, AKilledProcessHandsItOnWithin100Ms) {
 }
 
 } // namespace
-} // namespace vel::os
+} // namespace vel::os::testing
