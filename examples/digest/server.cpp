@@ -1,9 +1,10 @@
 // Digest server: answers every file that a client sends with its size, lines and MD5 digest.
 //
-//     digest_server [--port N] [--workers N] [--idle SECONDS]
+//     digest_server [--address ADDRESS] [--port N] [--workers N] [--idle SECONDS]
 //
-// It says "listening on ADDRESS:PORT", logs to the standard error output why it closes a connection, and ends with a
-// summary on SIGINT or SIGTERM. Exit codes: 0 ended by a signal, 1 cannot listen, 2 wrong arguments.
+// It listens on every interface unless told an address, says "listening on ADDRESS:PORT", logs to the standard error
+// output why it closes a connection, and ends with a summary on SIGINT or SIGTERM. Exit codes: 0 ended by a signal,
+// 1 cannot listen, 2 wrong arguments.
 #include "connection.h"
 
 #include <atomic>
@@ -19,9 +20,10 @@
 namespace {
 
 struct Options {
-    uint32_t port = 0;    // 0: any free one
-    uint32_t workers = 0; // 0: twice the number of processors
-    uint32_t idle = 60;   // seconds
+    const char* address = nullptr; // every interface
+    uint32_t port = 0;             // 0: any free one
+    uint32_t workers = 0;          // 0: twice the number of processors
+    uint32_t idle = 60;            // seconds
 };
 
 constexpr int pending_accepts = 8;
@@ -69,6 +71,10 @@ bool parse(int argc, char** argv, Options& options) {
         if (i + 1 == argc) return false;
         const char* value = argv[i + 1];
         bool good = false;
+        if (std::strcmp(argv[i], "--address") == 0) {
+            options.address = value;
+            good = true;
+        }
         if (std::strcmp(argv[i], "--port") == 0) good = digest::parse_number(value, 65535, options.port);
         if (std::strcmp(argv[i], "--workers") == 0) good = digest::parse_number(value, 63, options.workers);
         if (std::strcmp(argv[i], "--idle") == 0) good = digest::parse_number(value, 86400, options.idle);
@@ -82,9 +88,10 @@ int fail(const char* what) {
     return 1;
 }
 
-int listen(Acceptor& acceptor, VEL_Proactor& proactor, uint16_t port) {
+int listen(Acceptor& acceptor, VEL_Proactor& proactor, const Options& options) {
     VEL_INET_Addr address;
-    if (acceptor.open(&proactor, port, 0) < 0 || acceptor.set_timeout(accept_retry_ms) < 0) return -1;
+    const auto port = static_cast<uint16_t>(options.port);
+    if (acceptor.open(&proactor, port, options.address) < 0 || acceptor.set_timeout(accept_retry_ms) < 0) return -1;
     for (int i = 0; i < pending_accepts; ++i)
         if (acceptor.accept() < 0) return -1;
     if (VELLib::getsockname(reinterpret_cast<uint64_t>(acceptor.get_handle()), address) < 0) return -1;
@@ -98,7 +105,7 @@ int serve(const Options& options) {
     VEL_Proactor proactor;
     if (proactor.open(options.workers) < 0) return fail("cannot start the workers");
     auto* acceptor = new Acceptor(totals, options.idle * 1000);
-    const bool listening = listen(*acceptor, proactor, static_cast<uint16_t>(options.port)) == 0;
+    const bool listening = listen(*acceptor, proactor, options) == 0;
     const int result = listening ? 0 : fail("cannot listen");
     // This thread helps the workers and looks now and then whether it is asked to stop.
     while (listening && !stop_requested && proactor.handle_event(signal_check_ms) >= 0) {
@@ -115,7 +122,7 @@ int serve(const Options& options) {
 int main(int argc, char** argv) {
     Options options;
     if (!parse(argc, argv, options)) {
-        std::fprintf(stderr, "usage: digest_server [--port N] [--workers N] [--idle SECONDS]\n");
+        std::fprintf(stderr, "usage: digest_server [--address ADDRESS] [--port N] [--workers N] [--idle SECONDS]\n");
         return 2;
     }
     std::signal(SIGINT, request_stop);
