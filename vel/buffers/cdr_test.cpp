@@ -2,13 +2,10 @@
 #include <vel/buffers/input_cdr.h>
 #include <vel/buffers/output_cdr.h>
 
-#include <gtest/gtest.h>
-#include <string>
 #include <tuple>
 #include <vector>
 #include <vel/buffers/bit_field.h>
 #include <vel/buffers/byte_block.h>
-#include <vel/frame/error.h>
 #include <vel/frame/exception.h>
 #include <vel/testing/allocator_environment.h>
 #include <vel/testing/expect_failure.h>
@@ -107,8 +104,7 @@ TEST(InputCdr, EveryTruncationIsTooShortOrWrongLength) {
     VEL_OutputCDR out(buffer, sizeof buffer);
     out << uint32_t{1} << "text";
     for (uint64_t size = 1; size < out.set_size(); ++size) {
-        // Freshly allocated, so that a read beyond it is seen by the sanitizers.
-        const std::vector<uint8_t> cut(buffer, buffer + size);
+        const Bytes cut(buffer, buffer + size); // so that the sanitizers see a read beyond it
         VEL_InputCDR in(cut.data(), cut.size());
         uint32_t number = 0;
         std::string text;
@@ -122,18 +118,12 @@ TEST_F(Output, SearchesWrapAroundOnceFromThePosition) {
     for (uint32_t id : {10u, 11u, 12u}) out_.set_value(id, id * 2);
     VEL_InputCDR in(buffer_, out_.set_size());
     uint32_t value = 0;
-    EXPECT_EQ(in.get_value(12, value), 13);
-    EXPECT_EQ(value, 24u);
-    EXPECT_EQ(in.offset(), 39);
-    for (int i = 0; i < 2; ++i) { // the second time from behind it
-        EXPECT_EQ(in.get_value(10, value), 13);
-        EXPECT_EQ(value, 20u);
-        EXPECT_EQ(in.offset(), 13);
+    for (const uint32_t id : {12, 10, 10}) { // the last time from behind it
+        EXPECT_EQ(in.get_value(id, value), 13);
+        EXPECT_EQ(value, 2 * id);
+        EXPECT_EQ(in.offset(), id == 12 ? 39 : 13);
     }
     expect_failure(library + 16, in.get_value(99, value));
-    in.initlookup();
-    EXPECT_EQ(in.get_value(99, value), -1);
-    EXPECT_EQ(in.offset(), 0);
 }
 
 TEST(InputCdr, AnElementThatClaimsMoreThanThereIsEndsTheStream) {
