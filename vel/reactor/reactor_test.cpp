@@ -2,9 +2,8 @@
 #include <vel/testing/reactor_fixture.h>
 
 #include <ctime>
-#include <vector>
 
-namespace vel::test {
+namespace vel::testing {
 namespace {
 
 TEST_F(ReactorTest, ServesInTheOrderOfRegistrationEachOnce) {
@@ -33,7 +32,7 @@ TEST_F(ReactorTest, ARefusalEndsItsEventAndThoseBehindIt) {
     a.socket.open(2, 1, 0);
     EXPECT_EQ(a.socket.register_event_select(reactor.get(), &a, 14), 0);
     EXPECT_EQ(quiet(), "") << "nothing has been started";
-    expect_failure(error::would_block, a.socket.connect(listen()));
+    expect_failure(error::would_block, a.socket.connect(open_door()));
     VEL_Socket server;
     EXPECT_EQ(door.accept(server), 0);
     server.send("x", 1);
@@ -58,33 +57,16 @@ TEST_F(ReactorTest, RegistersSixtyThree) {
     Recorder& a = connected("a", VEL_CONNECT_EVENT);
     void* const named = event(true);
     EXPECT_EQ(reactor->register_handler(a.handle(), &a, VEL_INPUT_EVENT), 1);
-    expect_failure(error::invalid_parameter, reactor->register_handler(nullptr, named, 1));
-    expect_failure(error::invalid_parameter, reactor->register_handler(&a, static_cast<void*>(nullptr), 1));
-    expect_failure(error::invalid_parameter, reactor->register_handler(as_handle(VEL_Socket()), &a, 4));
     expect_failure(error::not_a_socket, reactor->register_handler(named, &a, 4));
     EXPECT_EQ(a.references(), 2) << "bits, and what failed, hold no reference";
     for (int i = 1; i < 63; ++i) EXPECT_EQ(reactor->register_handler(&a, event(false), VEL_SIGNAL_EVENT), 0);
     expect_failure(error::too_many_events, reactor->register_handler(&a, named, VEL_SIGNAL_EVENT));
     expect_failure(error::too_many_events, reactor->register_handler(a.handle(), &a, VEL_OUTPUT_EVENT));
-    expect_failure(0x12345, reactor->remove_handler(&a, named, VEL_SIGNAL_EVENT));
     EXPECT_EQ(reactor->remove_handler(a.handle(), &a, 6), 0);
     EXPECT_EQ(reactor->register_handler(&a, named, VEL_SIGNAL_EVENT), 0);
     EXPECT_EQ(cycle(), "a.close6 a.signal") << "the last place works as the others";
     reactor->deactivate();
-    expect_failure(error::object_closed, reactor->register_handler(nullptr, named, VEL_SIGNAL_EVENT));
-    expect_failure(error::object_closed, reactor->handle_event(0));
-}
-
-TEST_F(ReactorTest, APeersEndIsInputUntilARemoval) {
-    Recorder& graceful = connected("a", 12);
-    EXPECT_EQ(cycle(), "a.output");
-    EXPECT_EQ(reactor->remove_handler(graceful.handle(), &graceful, VEL_OUTPUT_EVENT | VEL_NO_CLOSE_CALL), 1);
-    EXPECT_EQ(graceful.references(), 2);
-    graceful.peer.close();
-    EXPECT_EQ(quiet(), "") << "a removal ends the notice of the close too";
-    EXPECT_EQ(reactor->register_handler(graceful.handle(), &graceful, VEL_INPUT_EVENT), 1);
-    EXPECT_EQ(cycle(), "a.input");
-    EXPECT_EQ(graceful.error, error::peer_closed);
+    expect_failure(error::object_closed, reactor->register_handler(&a, named, VEL_SIGNAL_EVENT));
 }
 
 TEST_F(ReactorTest, EndsFromInsideEveryCall) {
@@ -131,44 +113,21 @@ TEST_F(ReactorTest, ANumberComesToItsNextOwnerWithNothingOfTheLast) {
         EXPECT_EQ(a.references() + next.references(), 1 + 2);
     }
     Recorder& c = connected("c", VEL_INPUT_EVENT);
-    expect_failure(error::invalid_handle, reactor->register_handler(&c, c.handle(), VEL_SIGNAL_EVENT));
     c.socket.close();
-    void* const signal = event(true);
-    EXPECT_EQ(reactor->register_handler(&c, signal, VEL_SIGNAL_EVENT), 0);
+    EXPECT_EQ(reactor->register_handler(&c, event(true), VEL_SIGNAL_EVENT), 0);
     EXPECT_EQ(cycle(), "c.close4 c.signal");
 }
 
 TEST_F(ReactorTest, WaitsAsLongAsToldAndWithoutWork) {
-    connected("a", VEL_INPUT_EVENT).peer.send("x", 1);
-    EXPECT_EQ(cycle(), "a.input");
-    EXPECT_EQ(reactor->handle_event(0), 0);
     const auto started = std::chrono::steady_clock::now();
     const std::clock_t worked = std::clock();
+    connected("a", VEL_INPUT_EVENT);
     EXPECT_EQ(reactor->handle_event(200), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(200));
     EXPECT_LT(std::clock() - worked, CLOCKS_PER_SEC / 20);
 }
 
-/// Threads that run the reactor until it is deactivated, which must free each of them. What handlers use outlives them.
-struct ReactorThreadsTest : ReactorTest {
-    void start(int count) {
-        while (count-- > 0)
-            loops.emplace_back([this] {
-                while (reactor->handle_event(VEL_INFINITE) >= 0) {
-                }
-                EXPECT_EQ(VELLib::GetErrorCode(), error::object_closed);
-            });
-    }
-
-    void stop() {
-        reactor->deactivate();
-        for (std::thread& loop : loops) loop.join();
-    }
-
-    std::vector<std::thread> loops;
-};
-
-TEST_F(ReactorThreadsTest, OneServesASocketAndOneTheTimersUntilOthersEndThem) {
+TEST_F(ReactorTest, OneServesASocketAndOneTheTimersUntilOthersEndThem) {
     constexpr int sockets = 12;
     std::atomic<int> received{0}, closes{0}, timing{0};
     std::deque<std::atomic<int>> inside(sockets);
@@ -203,7 +162,7 @@ TEST_F(ReactorThreadsTest, OneServesASocketAndOneTheTimersUntilOthersEndThem) {
     stop();
 }
 
-TEST_F(ReactorThreadsTest, WaitingThreadsSeeNewEventsAndTimersAndTwoServeAnEvent) {
+TEST_F(ReactorTest, WaitingThreadsSeeNewEventsAndTimersAndTwoServeAnEvent) {
     start(3);
     for (int i = 0; i < 50; ++i) {
         Recorder& a = recorder("a");
@@ -223,4 +182,4 @@ TEST_F(ReactorThreadsTest, WaitingThreadsSeeNewEventsAndTimersAndTwoServeAnEvent
 }
 
 } // namespace
-} // namespace vel::test
+} // namespace vel::testing

@@ -1,24 +1,19 @@
-// Stream sockets: what they write and report, their timers, and every way of ending.
-#include <vel/testing/reactor_sockets.h>
-
-#include <thread>
-#include <vel/testing/expect_failure.h>
+// Stream sockets and acceptors: what they write and report, their timers, and every way of ending.
+#include <vel/testing/reactor_fixture.h>
 
 namespace vel::testing {
 namespace {
 
-using SockStream = ReactorSocketTest;
+using SockStream = ReactorTest;
 
 TEST_F(SockStream, EchoesAndHearsOfTheEndBehindTheLastByte) {
     auto [client, server] = connect_pair();
     Stream& echo = *server;
-    EXPECT_EQ(client->get_remote_addr(), address_of(echo.get_handle()));
-    echo.on_read = [&] {
+    echo.on["read"] = [&] {
         std::thread([&] { echo.send(text("echo")); }).join(); // the lock is free
         return 0;
     };
     EXPECT_EQ(client->send(text("hello")), 5);
-    EXPECT_TRUE(client->is_send_all_completed());
     ASSERT_TRUE(serve_until([&, &client = client] { return client->input == "echo"; }));
     EXPECT_EQ(reactor->handle_event(20), 0) << "output interest alone brings no calls";
 
@@ -34,7 +29,6 @@ TEST_F(SockStream, EchoesAndHearsOfTheEndBehindTheLastByte) {
     for (Stream* stream : {client.get(), server.get()}) {
         EXPECT_EQ(stream->errors, Codes{error::peer_closed});
         EXPECT_EQ(stream->closes, Codes{VEL_INPUT_EVENT});
-        EXPECT_EQ(stream->get_remote_addr(), VEL_INET_Addr());
         EXPECT_EQ(stream->references(), 1);
         expect_failure(error::not_a_socket, stream->check_open());
     }
@@ -54,7 +48,7 @@ TEST_F(SockStream, BlocksThatDoNotFitAreWrittenLaterAndReportedOnceInOrder) {
     }
     EXPECT_FALSE(pair.client->is_send_all_completed());
     EXPECT_TRUE(pair.client->written.empty());
-    pair.client->on_write = [&] {
+    pair.client->on["write"] = [&] {
         if (pair.client->written.size() < 4)
             std::thread([&] { pair.client->send(text(".")); }).join(); // the lock is free
         return 0;
@@ -87,9 +81,9 @@ TEST_F(SockStream, ABrokenConnectionIsReportedOnceOnTheWayInOrOut) {
 TEST_F(SockStream, EndsInEveryCallbackInEveryWay) {
     enum Way { refuse, close_quietly, close, release, reopen };
     constexpr int ways = 5;
-    Hook Stream::*const callbacks[] = {&Stream::on_read, &Stream::on_write, &Stream::on_connect, &Stream::on_timeout};
+    const char* const callbacks[] = {"read", "write", "connect", "timeout"};
     const uint32_t refused[] = {4, 8, 2 + 8, 32}; // the output that is due with a connect goes with it
-    const VEL_INET_Addr address = vel::test::ReactorTest::listen();
+    const VEL_INET_Addr address = open_door();
     for (int round = 0; round < 4 * ways; ++round) {
         SCOPED_TRACE(round);
         const int place = round / ways, way = round % ways;
@@ -98,7 +92,7 @@ TEST_F(SockStream, EndsInEveryCallbackInEveryWay) {
         Stream* const stream = pair.client.get();
         const auto open = [&] { return stream->open(reactor.get(), address, 100000, 0, 0); };
         int calls = 0;
-        stream->*callbacks[place] = [&] {
+        stream->on[callbacks[place]] = [&] {
             if (++calls > 1) return 0; // the next connection's
             if (way == release) pair.client.reset();
             if (way == refuse || way == release) return -1;
@@ -126,12 +120,13 @@ TEST_F(SockStream, EndsInEveryCallbackInEveryWay) {
 
 TEST_F(SockStream, ARefusedConnectIsLeftToItsHandlerOrItsTimeOut) {
     VEL_Socket deaf(2, 1, 0); // holds its port and does not listen
-    ASSERT_EQ(deaf.bind(0, localhost), 0);
+    ASSERT_EQ(deaf.bind(0, loopback), 0);
     const uint16_t port = address_of(deaf.get_socket()).getport();
     for (const bool handled : {true, false}) {
         const Ref<Stream> stream(new Stream);
-        if (handled) stream->on_connect = [] { return -1; };
-        stream->on_timeout = [&] { return stream->connects.empty() ? 0 : -1; };
+        if (handled) stream->on["connect"] = [] { return -1; };
+        stream->on["timeout"] = [&] { return stream->connects.empty() ? 0 : -1; };
+        expect_failure(error::null_member, stream->open(nullptr, "127.0.0.1", port, 0, 0, 0)); // and leaves it closed
         ASSERT_EQ(stream->open(reactor.get(), "127.0.0.1", port, handled ? VEL_INFINITE : 1, 0, 0), 0);
         stream->send(text("early")); // may hear of the refusal first, and must not take it away
         ASSERT_TRUE(serve_until([&] { return !stream->closes.empty(); }));
@@ -141,17 +136,6 @@ TEST_F(SockStream, ARefusedConnectIsLeftToItsHandlerOrItsTimeOut) {
     }
 }
 
-TEST_F(SockStream, RefusesWithoutSocketOrReactor) {
-    const Ref<Stream> stream(new Stream);
-    const VEL_INET_Addr nobody(1, localhost);
-    expect_failure(error::not_a_socket, stream->send(text("x")));
-    expect_failure(error::null_member, stream->open(nullptr, nobody, 0, 0, 0));
-    expect_failure(error::not_a_socket, stream->check_open());
-    EXPECT_TRUE(stream->is_send_all_completed());
-    const Pair pair = connect_pair();
-    expect_failure(error::already_connected, pair.client->open(reactor.get(), nobody, 0, 0, 0));
-}
-
 TEST_F(SockStream, SendsSuspendsAndClosesUnderThreadsThatServe) {
     class Echo : public Noted<VEL_SOCK_Stream> {
         int handle_read_stream(const void* data, uint64_t size, uint32_t error) override {
@@ -159,18 +143,8 @@ TEST_F(SockStream, SendsSuspendsAndClosesUnderThreadsThatServe) {
         }
     };
     const Ref<Acceptor> acceptor = listen();
-    acceptor->on_accept = [&] {
-        const Ref<Echo> echo(new Echo);
-        EXPECT_EQ(acceptor->accept(*echo), 0);
-        echo->reactor(reactor.get());
-        return echo->select_event(VEL_INPUT_EVENT | VEL_OUTPUT_EVENT);
-    };
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i)
-        threads.emplace_back([&] {
-            while (reactor->handle_event(VEL_INFINITE) >= 0) {
-            }
-        });
+    acceptor->on["accept"] = [&] { return acceptor->take(*Ref<Echo>(new Echo)); };
+    start(2);
     for (int round = 0; round < 30; ++round) {
         const Ref<Echo> client(new Echo);
         ASSERT_EQ(client->open(reactor.get(), address_of(acceptor->get_handle()), 1000, 0, 65536), 0);
@@ -184,8 +158,43 @@ TEST_F(SockStream, SendsSuspendsAndClosesUnderThreadsThatServe) {
         client->close(round % 4 < 2);
         if (sender.joinable()) sender.join();
     }
-    reactor->deactivate();
-    for (std::thread& thread : threads) thread.join();
+    stop();
+}
+
+TEST_F(SockStream, AnAcceptorHandsOverAStreamThatWaitsForItsReactor) {
+    const Ref<Acceptor> acceptor = listen();
+    const Ref<Stream> stream(new Stream);
+    expect_failure(error::would_block, acceptor->accept(*stream));
+    VEL_Socket client(2, 1, 0);
+    ASSERT_EQ(client.connect(address_of(acceptor->get_handle())), 0);
+    ASSERT_EQ(acceptor->accept(*stream), 0);
+    EXPECT_EQ(stream->get_remote_addr(), address_of(client.get_socket()));
+    expect_failure(error::null_member, stream->send(text("x")));
+    expect_failure(error::already_connected, acceptor->accept(*stream));
+    stream->reactor(reactor.get());
+    for (const uint32_t event : {VEL_INPUT_EVENT, VEL_OUTPUT_EVENT}) EXPECT_EQ(stream->select_event(event), 0);
+    EXPECT_EQ(client.send("hello", 5), 5);
+    ASSERT_TRUE(serve_until([&] { return stream->input == "hello"; }));
+    stream->clear_event();
+    EXPECT_EQ(stream->references(), 1);
+}
+
+TEST_F(SockStream, AnAcceptorEndsWithItsRegistrationItsTimerOrAFailedOpen) {
+    VEL_Socket client(2, 1, 0);
+    for (const uint32_t mask : {VEL_ACCEPT_EVENT, VEL_TIMER_EVENT}) {
+        const Ref<Acceptor> acceptor = listen(), second(new Acceptor);
+        const VEL_INET_Addr address = address_of(acceptor->get_handle());
+        expect_failure(error::address_in_use, second->open(reactor.get(), address.getport(), "127.0.0.1", 0, 0));
+        expect_failure(error::not_a_socket, second->check_open());
+        acceptor->on["accept"] = acceptor->on["timeout"] = [] { return -1; };
+        ASSERT_EQ(acceptor->set_timeout(mask == VEL_TIMER_EVENT ? 1 : 100000), 0);
+        EXPECT_EQ(acceptor->references(), 3) << "own, registration, timer";
+        if (mask == VEL_ACCEPT_EVENT) client.connect(address);
+        ASSERT_TRUE(serve_until([&] { return !acceptor->closes.empty(); }));
+        EXPECT_EQ(acceptor->closes, Codes{mask});
+        EXPECT_EQ(acceptor->references(), 1);
+        expect_failure(error::not_a_socket, acceptor->check_open());
+    }
 }
 
 } // namespace

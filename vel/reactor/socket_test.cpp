@@ -1,19 +1,16 @@
 // The socket object: what it adds to the free functions.
 #include <vel/reactor/socket.h>
 
-#include <vel/frame/exception.h>
-#include <vel/os/error_codes.h>
-#include <vel/os/handle.h>
-#include <vel/testing/expect_failure.h>
+#include <vel/testing/balanced_test.h>
 
+namespace vel::testing {
 namespace {
 
-namespace error = vel::error;
-using vel::testing::expect_failure;
+using Socket = BalancedTest;
 
 constexpr uint32_t patience_ms = 5000;
 
-TEST(Socket, RemembersThatThePeerHasClosedUntilItHoldsAnother) {
+TEST_F(Socket, RemembersThatThePeerHasClosedUntilItHoldsAnother) {
     VEL_Socket door(2, 1, 0), first(2, 1, 0), second(2, 1, 0), server;
     VEL_INET_Addr address;
     char buffer[8];
@@ -35,21 +32,5 @@ TEST(Socket, RemembersThatThePeerHasClosedUntilItHoldsAnother) {
     EXPECT_EQ(server.recv(buffer, sizeof buffer, patience_ms), 2);
 }
 
-TEST(Socket, OwnsWhatItHoldsAndRefusesWithoutOne) {
-    const uint64_t before = vel::os::open_handle_count();
-    VEL_Socket closed;
-    {
-        VEL_Socket socket(2, 1, 0), other;
-        EXPECT_EQ(other.attach(VELLib::socket(2, 2, 0)), 0);
-        EXPECT_EQ(vel::os::open_handle_count(), before + 2);
-        expect_failure(error::null_member, socket.register_event_select(nullptr, nullptr, 4));
-    }
-    EXPECT_EQ(vel::os::open_handle_count(), before);
-    EXPECT_THROW(VEL_Socket(9999, 1, 0), VEL_Exception);
-    expect_failure(error::not_a_socket, closed.accept(closed, patience_ms));
-    expect_failure(error::not_a_socket, closed.bind(1, "no.such.host.invalid")); // before the name is looked up
-    expect_failure(error::not_a_socket, closed.connect("no.such.host.invalid", 1));
-    expect_failure(error::not_a_socket, closed.recv(nullptr, 0, 0));
-}
-
 } // namespace
+} // namespace vel::testing
