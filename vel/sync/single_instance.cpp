@@ -20,15 +20,15 @@ int VEL_SingleInstance::add_instance(VEL_SingleInstance* instance) {
 
 // A destructor runs without the lock: a singleton's takes the lock of its class, under which that class adds instances.
 void VEL_SingleInstance::release_all_instance() {
-    while (VEL_SingleInstance* instance = take_first()) delete instance;
+    VEL_SingleInstance* instance = nullptr;
+    while (take_first(instance)) delete instance; // which may be null: the list takes what it is given
 }
 
-// Null when nothing is left; then the list is gone as well.
-VEL_SingleInstance* VEL_SingleInstance::take_first() {
+// False when nothing is left; then the list is gone as well.
+bool VEL_SingleInstance::take_first(VEL_SingleInstance*& instance) {
     VEL_Guard guard(instance_lock_);
-    VEL_SingleInstance* instance = nullptr;
-    if (instance_set_ && instance_set_->pop_front(instance) == 0) return instance;
+    if (instance_set_ && instance_set_->pop_front(instance) == 0) return true;
     delete instance_set_;
     instance_set_ = nullptr;
-    return nullptr;
+    return false;
 }

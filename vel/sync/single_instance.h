@@ -20,7 +20,7 @@ public:
     static void release_all_instance();
 
 private:
-    static VEL_SingleInstance* take_first();
+    static bool take_first(VEL_SingleInstance*& instance);
 
     static VEL_List<VEL_SingleInstance*>* instance_set_; // null while there is nothing
     static VEL_Thread_Mutex instance_lock_;
