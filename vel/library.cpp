@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 #include <vel/frame/error.h>
 #include <vel/memory/allocator.h>
 #include <vel/memory/malloc.h>
@@ -16,7 +17,7 @@ namespace {
 
 std::mutex context_mutex;
 std::condition_variable stopped;
-bool stopping = false;         // guarded by the mutex: the last user has left, its steps are under way
+std::thread::id stopper;       // guarded by the mutex: who takes the steps after the last user left; none otherwise
 std::atomic<int32_t> users{0}; // written under the mutex
 
 // An allocator that the application has installed stays, and then the library's own are made when they are asked for.
@@ -41,7 +42,13 @@ void stop() {
     // The reliable-UDP layer stops here.
 }
 
-bool is_own_thread() { return !VEL_Thread_Manager::thr_self().invalid(); }
+bool stopping() { return stopper != std::thread::id(); }
+
+// Whether the stop that is under way may need the calling thread to go on: a single instance's destructor runs in one of
+// its steps, and the library's own threads are waited for.
+bool stop_needs_this_thread() {
+    return stopping() && (stopper == std::this_thread::get_id() || !VEL_Thread_Manager::thr_self().invalid());
+}
 
 } // namespace
 } // namespace vel
@@ -50,11 +57,11 @@ namespace VELLib {
 
 int initialize() {
     std::unique_lock lock(vel::context_mutex);
-    if (vel::stopping && vel::is_own_thread()) { // the stop may be waiting for this very thread
+    if (vel::stop_needs_this_thread()) {
         SetErrorCode(vel::error::object_closed);
         return -1;
     }
-    vel::stopped.wait(lock, [] { return !vel::stopping; });
+    vel::stopped.wait(lock, [] { return !vel::stopping(); });
     if (vel::users == 0 && !vel::start()) return -1;
     ++vel::users;
     return 0;
@@ -64,12 +71,12 @@ void uninitialize() {
     {
         std::lock_guard lock(vel::context_mutex);
         if (vel::users == 0 || --vel::users > 0) return;
-        vel::stopping = true;
+        vel::stopper = std::this_thread::get_id();
     }
     vel::stop();
     {
         std::lock_guard lock(vel::context_mutex);
-        vel::stopping = false;
+        vel::stopper = std::thread::id();
     }
     vel::stopped.notify_all();
 }

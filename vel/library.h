@@ -6,8 +6,8 @@
 /// Every user of the library in a process starts it before its first use and stops it after its last; the starts are
 /// counted, and only the first and the last do anything.
 ///
-/// Threads:   any, but not those of the library itself while it stops. A start that meets the last stop waits for its
-///            end.
+/// Threads:   any, but not those of the library itself while it stops, nor the destructors of its single instances. A
+///            start that meets the last stop waits for its end.
 /// Errors:    `initialize` returns -1 with the code of the step that failed; nothing is counted then.
 ///
 ///     if (VELLib::initialize() != 0) return report(VELLib::GetErrorCode());
@@ -17,7 +17,7 @@ namespace VELLib {
 
 /// Starts the library, or counts one more start. An allocator that was installed before is kept; otherwise the runtime
 /// heap is installed.
-/// @return 0, or -1: 8, 0x20000007 for a thread of the library that is stopping, and the system's codes
+/// @return 0, or -1: 8, 0x20000007 where the stop that is under way would wait for the caller, and the system's codes
 VEL_API int initialize();
 
 /// Counts one start off. The last one ends the library's threads and destroys its single instances, a manager of
