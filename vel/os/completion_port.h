@@ -19,6 +19,7 @@ struct Completion {
     uint64_t bytes;
     uint32_t key;
     uint32_t error; // 0 on success, else a system or socket code
+    bool more;      // another one was ready behind it
 };
 
 /// @param concurrency  how many threads are expected to take completions at once, at least 1; a hint

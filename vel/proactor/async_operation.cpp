@@ -2,7 +2,9 @@
 #include <vel/proactor/async_operation.h>
 
 #include <vel/frame/fail.h>
-#include <vel/proactor/async_handler.h>
+#include <vel/proactor/held_handler.h>
+
+constinit thread_local vel::HeldHandler* vel::HeldHandler::innermost_ = nullptr;
 
 VEL_Async_Operation::VEL_Async_Operation(uint32_t code) : vel::IoRequest{}, code_(code) {}
 
@@ -18,7 +20,7 @@ VEL_Async_Operation::VEL_Async_Operation(VEL_Proactor* proactor, uint32_t comple
 }
 
 VEL_Async_Operation::~VEL_Async_Operation() {
-    if (handler_ != nullptr) handler_->release();
+    if (handler_ != nullptr) vel::HeldHandler::release(handler_);
 }
 
 void VEL_Async_Operation::set(VEL_Proactor* proactor, uint32_t completion_key, void* handle,

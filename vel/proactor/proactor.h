@@ -20,6 +20,7 @@ class VEL_Message_Block;
 
 namespace vel {
 class AsyncSocket;
+class HeldHandler;
 namespace os {
 class HeldPort;
 } // namespace os
@@ -142,9 +143,9 @@ private:
 
     static void discard(VEL_Async_Operation* op);
     template <class Wait>
-    int handle_next(uint32_t timeout_ms, Wait wait);
+    int handle_next(uint32_t timeout_ms, vel::HeldHandler& held, Wait wait);
     int stop_handling(VEL_Async_Operation* op);
-    int dispatch_io(VEL_Async_Operation* op, uint64_t bytes, uint32_t error);
+    int dispatch_io(VEL_Async_Operation* op, uint64_t bytes, uint32_t error, vel::HeldHandler& held);
 
     int32_t add_timer(VEL_Async_Handler* handler, uint32_t interval_ms) VEL_REQUIRES(lock_);
     int set_timer(VEL_Async_Handler* handler, uint32_t interval_ms, std::atomic<int32_t>& timer_id);

@@ -6,6 +6,7 @@
 #include <vel/os/completion_port.h>
 #include <vel/proactor/async_operation.h>
 #include <vel/proactor/async_post.h>
+#include <vel/proactor/held_handler.h>
 
 namespace error = vel::error;
 namespace os = vel::os;
@@ -34,8 +35,16 @@ VEL_Async_Operation* operation_of(OVERLAPPED* record) {
 int VEL_Proactor::thr_iocp_competion(void* proactor) {
     auto* self = static_cast<VEL_Proactor*>(proactor);
     const os::HeldPort& port = *self->held_port_; // outlives the proactor's own threads
-    auto wait = [&](uint32_t timeout_ms, os::Completion& completion) { return port.wait(timeout_ms, completion); };
-    while (self->handle_next(VEL_INFINITE, wait) >= 0) {
+    vel::HeldHandler held;
+    const auto wait = [&](uint32_t timeout_ms, os::Completion& completion) {
+        if (held.holds_any()) {
+            const uint32_t code = port.wait(0, completion);
+            if (code != error::wait_timeout) return code;
+            held.drop(); // somebody else took the rest
+        }
+        return port.wait(timeout_ms, completion);
+    };
+    while (self->handle_next(VEL_INFINITE, held, wait) >= 0) {
     }
     return 0;
 }
@@ -43,14 +52,15 @@ int VEL_Proactor::thr_iocp_competion(void* proactor) {
 int VEL_Proactor::handle_event(uint32_t timeout_ms) {
     void* port = port_;
     if (port == nullptr) return vel::fail(error::null_member);
-    return handle_next(timeout_ms, [port](uint32_t left_ms, os::Completion& completion) {
+    vel::HeldHandler held;
+    return handle_next(timeout_ms, held, [port](uint32_t left_ms, os::Completion& completion) {
         return os::wait_completion(port, left_ms, completion);
     });
 }
 
 /// Dispatches what `wait` brings: one completion.
 template <class Wait>
-int VEL_Proactor::handle_next(uint32_t timeout_ms, Wait wait) {
+int VEL_Proactor::handle_next(uint32_t timeout_ms, vel::HeldHandler& held, Wait wait) {
     if (closing_) return vel::fail(error::object_closed);
     for (;;) {
         os::Completion completion;
@@ -60,7 +70,8 @@ int VEL_Proactor::handle_next(uint32_t timeout_ms, Wait wait) {
         if (code == error::wait_timeout) return 0;
         if (code != error::none) return vel::fail(code);
         if (op == nullptr) continue;
-        const int result = dispatch_io(op, completion.bytes, completion.error);
+        const int result = dispatch_io(op, completion.bytes, completion.error, held);
+        if (!completion.more) held.drop();
         // Deliberate as it stands; it plays a part only behind records of an unknown kind.
         if (result == 0 && timeout_ms != VEL_INFINITE) timeout_ms = os::tick_ms() - timeout_ms;
         if (result != 0 || timeout_ms == 0) return result;
@@ -84,15 +95,13 @@ void VEL_Proactor::discard(VEL_Async_Operation* op) {
     delete op;
 }
 
-int VEL_Proactor::dispatch_io(VEL_Async_Operation* op, uint64_t bytes, uint32_t error) {
+int VEL_Proactor::dispatch_io(VEL_Async_Operation* op, uint64_t bytes, uint32_t error, vel::HeldHandler& held) {
     if (op->operation_code() < read_operation || op->operation_code() > post_operation) {
         delete op;
         return 0;
     }
     const uint32_t key = op->completion_key();
-    VEL_Async_Handler* handler = op->get_handler();
-    handler->addref(); // outlives its own callback
+    held.hold(op->get_handler()); // outlives its own callback
     if (complete(op, bytes, error) < 0) remove_handle(key, false);
-    handler->release();
     return 1;
 }

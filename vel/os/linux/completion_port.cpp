@@ -127,6 +127,7 @@ uint32_t PortObject::wait(uint32_t timeout_ms, Completion& completion) {
     completion.bytes = request->InternalHigh;
     completion.key = request->key;
     completion.error = static_cast<uint32_t>(request->Internal);
+    completion.more = request->next != nullptr;
     if (!is_proxy(*request)) return error::none;
     auto* proxy = static_cast<ProxyRequest*>(request);
     completion.record = proxy->record;
