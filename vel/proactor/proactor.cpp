@@ -9,6 +9,7 @@
 #include <vel/os/handle.h>
 #include <vel/os/thread.h>
 #include <vel/proactor/async_operation.h>
+#include <vel/proactor/read_gate.h>
 #include <vel/sync/guard.h>
 
 namespace error = vel::error;
@@ -24,7 +25,7 @@ constexpr uint32_t drain_wait_ms = 100;
 
 } // namespace
 
-VEL_Proactor::VEL_Proactor() : threads_(thread_buckets) {}
+VEL_Proactor::VEL_Proactor() : table_gate_(std::make_unique<vel::ReadGate>()), threads_(thread_buckets) {}
 
 VEL_Proactor::~VEL_Proactor() {
     if (port_ != nullptr && is_own_thread()) {
@@ -43,6 +44,7 @@ int VEL_Proactor::open(uint32_t thread_count) {
     uint32_t code = error::none;
     try {
         start(thread_count);
+        table_gate_->open();
         return 0;
     } catch (const VEL_Exception& exception) {
         code = exception.GetErrorCode();
@@ -66,6 +68,7 @@ void VEL_Proactor::close() {
     VEL_Guard guard(lock_);
     if (closing_ || port_ == nullptr) return;
     closing_ = true;
+    table_gate_->shut(); // what was posted so far is in the port; the rest finds the flag set
     stop_threads(guard);
     end_registrations(guard);
     end_timers(guard);

@@ -21,6 +21,7 @@ class VEL_Message_Block;
 namespace vel {
 class AsyncSocket;
 class HeldHandler;
+class ReadGate;
 namespace os {
 class HeldPort;
 } // namespace os
@@ -138,6 +139,8 @@ private:
     void destroy_parts() VEL_REQUIRES(lock_);
 
     VEL_Handle_Set* find(uint32_t key) VEL_REQUIRES(lock_);
+    template <class Read>
+    auto read_table(Read read);
     template <class Operation, class Prepare>
     int start_send(uint32_t key, const VEL_Byte_Block& data, size_t length, Prepare prepare);
 
@@ -155,10 +158,11 @@ private:
     bool acquire_timer();
     void release_timer();
 
-    std::atomic<void*> port_{nullptr};             // null while not open
-    std::unique_ptr<vel::os::HeldPort> held_port_; // the same for own threads and for calls under the lock
-    vel::TimerAlarm timer_alarm_;                  // wakes who waits for timers
-    VEL_Thread_Mutex lock_;                        // guards the table, the timer queue, and changes of the flags
+    std::atomic<void*> port_{nullptr};                // null while not open
+    std::unique_ptr<vel::os::HeldPort> held_port_;    // the same for own threads and for readers of the table
+    vel::TimerAlarm timer_alarm_;                     // wakes who waits for timers
+    VEL_Thread_Mutex lock_;                           // guards the table, the timer queue, and changes of the flags
+    const std::unique_ptr<vel::ReadGate> table_gate_; // shut by who holds the lock and changes the table or is closing
     VEL_Thread_Manager threads_;
     std::unique_ptr<TimerQueue> timer_queue_ VEL_GUARDED_BY(lock_);   // null while not open
     std::unique_ptr<HandleTable> handle_table_ VEL_GUARDED_BY(lock_); // null while not open

@@ -9,6 +9,7 @@
 #include <vel/proactor/async_dgram_io.h>
 #include <vel/proactor/async_post.h>
 #include <vel/proactor/async_stream_io.h>
+#include <vel/proactor/read_gate.h>
 #include <vel/sync/guard.h>
 
 namespace error = vel::error;
@@ -26,7 +27,7 @@ uint32_t VEL_Proactor::generate_completion_key() {
     return last_key_;
 }
 
-/// The entry of a key, under the lock; null with the code while closing, for key 0 and for an unknown key.
+/// The entry of a key, while the table stands still; null with the code while closing, for key 0 and for an unknown key.
 VEL_Handle_Set* VEL_Proactor::find(uint32_t key) {
     uint32_t code = error::none;
     VEL_Handle_Set* set = nullptr;
@@ -40,17 +41,33 @@ VEL_Handle_Set* VEL_Proactor::find(uint32_t key) {
     return set;
 }
 
+/// Calls `read` while the table stands still: in the gate, or under the lock where that is shut. It takes what it wants
+/// to keep along with a reference.
+template <class Read>
+auto VEL_Proactor::read_table(Read read) {
+    {
+        const vel::ReadGate::Pass pass(*table_gate_);
+        if (pass.entered()) return read();
+    }
+    VEL_Guard guard(lock_);
+    return read();
+}
+
 int VEL_Proactor::register_handle(uint32_t key, void* handle, VEL_Async_Handler* handler) {
     if (port_ == nullptr || handler == nullptr) return vel::fail(error::null_member);
     VEL_Guard guard(lock_);
     if (closing_ || handle_table_ == nullptr) return vel::fail(error::object_closed);
     if (key == 0) return vel::fail(error::no_completion_key);
     if (handle_table_->find(key) != nullptr) return vel::fail(error::invalid_parameter);
-    if (handle_table_->bind(key, {handle, handler}) < 0) return -1;
-    handler->addref();
-    const uint32_t code = os::associate(port_, handle, key);
-    if (code == error::none) return 0;
-    handle_table_->unbind(key);
+    uint32_t code = error::none;
+    {
+        const vel::ReadGate::Closure closure(*table_gate_);
+        if (handle_table_->bind(key, {handle, handler}) < 0) return -1;
+        handler->addref();
+        code = os::associate(port_, handle, key);
+        if (code == error::none) return 0;
+        handle_table_->unbind(key);
+    }
     guard.unlock();
     handler->release();
     return vel::fail(code);
@@ -60,8 +77,13 @@ int VEL_Proactor::remove_handle(uint32_t key, bool no_close) {
     if (port_ == nullptr) return vel::fail(error::null_member);
     VEL_Guard guard(lock_);
     if (handle_table_ == nullptr) return vel::fail(error::null_member);
-    VEL_Handle_Set set;
-    if (handle_table_->unbind(key, set) < 0) return vel::fail(error::not_found);
+    HandleTable::Node* entry = handle_table_->find_node(key);
+    if (entry == nullptr) return vel::fail(error::not_found);
+    const VEL_Handle_Set set = entry->value();
+    {
+        const vel::ReadGate::Closure closure(*table_gate_);
+        handle_table_->remove(entry);
+    }
     guard.unlock();
     if (!no_close) set.handler->handle_close(key, set.handle, this);
     set.handler->release();
@@ -69,16 +91,17 @@ int VEL_Proactor::remove_handle(uint32_t key, bool no_close) {
 }
 
 void* VEL_Proactor::get_handle(uint32_t key, VEL_Async_Handler*& handler) {
-    VEL_Guard guard(lock_);
-    const VEL_Handle_Set* set = nullptr;
-    if (handle_table_ == nullptr)
-        VELLib::SetErrorCode(error::null_member);
-    else if ((set = handle_table_->find(key)) == nullptr)
-        VELLib::SetErrorCode(error::not_found);
-    if (set == nullptr) return VEL_INVALID_HANDLE;
-    handler = set->handler;
-    handler->addref();
-    return set->handle;
+    return read_table([&]() VEL_NO_THREAD_SAFETY_ANALYSIS -> void* {
+        const VEL_Handle_Set* set = nullptr;
+        if (handle_table_ == nullptr)
+            VELLib::SetErrorCode(error::null_member);
+        else if ((set = handle_table_->find(key)) == nullptr)
+            VELLib::SetErrorCode(error::not_found);
+        if (set == nullptr) return VEL_INVALID_HANDLE;
+        handler = set->handler;
+        handler->addref();
+        return set->handle;
+    });
 }
 
 int VEL_Proactor::close_handle(uint32_t key) {
@@ -102,18 +125,17 @@ int VEL_Proactor::shutdown(uint32_t key, int how) {
 int VEL_Proactor::sendMessage(uint32_t key, const VEL_Message_Block& message) {
     if (port_ == nullptr) return vel::fail(error::null_member);
     if (message.is_null()) return vel::fail(error::invalid_parameter);
-    // Made before the lock is taken and, on failure, deleted after it is free: many may be sending.
-    std::unique_ptr<VEL_Async_Post_Operation> op(new (std::nothrow)
-                                                     VEL_Async_Post_Operation(this, key, nullptr, message));
-    VEL_Guard guard(lock_);
-    const VEL_Handle_Set* set = find(key);
-    if (set == nullptr) return -1;
-    if (op == nullptr) return vel::fail(error::not_enough_memory);
-    op->set(this, key, VEL_INVALID_HANDLE, set->handler);
-    // Under the lock, so that close() finds everything that was posted before it set the flag.
-    if (const uint32_t code = held_port_->post(*op, 0, key)) return vel::fail(code);
-    op.release(); // the port's now
-    return 0;
+    std::unique_ptr<VEL_Async_Post_Operation> op; // deleted, on failure, when neither gate nor lock is held
+    return read_table([&]() VEL_NO_THREAD_SAFETY_ANALYSIS {
+        const VEL_Handle_Set* set = find(key);
+        if (set == nullptr) return -1;
+        op.reset(new (std::nothrow) VEL_Async_Post_Operation(this, key, set->handler, message));
+        if (op == nullptr) return vel::fail(error::not_enough_memory);
+        // Here, so that close() finds everything that was posted before it shut the gate.
+        if (const uint32_t code = held_port_->post(*op, 0, key)) return vel::fail(code);
+        op.release(); // the port's now
+        return 0;
+    });
 }
 
 /// Starts a send to the handle of a key. The lock is not held during the start; a share of the handle keeps its number

@@ -114,6 +114,37 @@ TEST_F(Proactor, DroppedMessagesAreAnswered) {
     EXPECT_EQ(first->closes.count(), 1);
 }
 
+TEST_F(Proactor, WhatWasAcceptedIsAnsweredWhileTheTableChangesAndCloses) {
+    first->on_signal = [](VEL_Async_Post_Operation*& op) { return op->getMessage().signal(1, 0, nullptr); };
+    register_both();
+    Tally answered;
+    std::vector<std::thread> senders;
+    for (int i = 0; i < 4; ++i)
+        senders.emplace_back([&, key = 1u + i % 2] {
+            while (true) {
+                const VEL_Message_Block message(new VEL_Serializable, true);
+                if (proactor->sendMessage(key, message) < 0) {
+                    if (VELLib::GetErrorCode() != error::not_found) break;
+                    continue;
+                }
+                message.wait(20000);
+                EXPECT_NE(VELLib::GetErrorCode(), error::wait_timeout);
+                answered.add();
+            }
+            EXPECT_TRUE(VELLib::GetErrorCode() == error::object_closed || VELLib::GetErrorCode() == error::null_member);
+        });
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(proactor->remove_handle(2, true), 0);
+        second = Ref<SocketHandler>(new SocketHandler); // nobody holds the former one for long
+        ASSERT_EQ(proactor->register_handle(2, second->handle, second.get()), 0);
+    }
+    ASSERT_TRUE(answered.reaches(100));
+    proactor->close();
+    for (std::thread& each : senders) each.join();
+    EXPECT_EQ(first->references(), 1);
+    EXPECT_EQ(second->references(), 1);
+}
+
 TEST_F(Proactor, BlockedHandlersDelayNobodyWhileAThreadIsIdle) {
     std::atomic<std::thread::id> taker;
     Tally done;
