@@ -87,7 +87,8 @@ uint32_t start_send_to(uint64_t socket, IoRequest& request, const void* data, ui
 
 /// Accepts into `accept_socket` (opened, neither bound nor connected) and fills both 16-byte addresses.
 /// Out of descriptors completes with 10024; transient failures are retried. A prepared socket that was closed
-/// meanwhile completes with 10038 and costs no connection, also when its handle stands for another one by then.
+/// meanwhile completes with 10038 and costs no connection, also when its handle stands for another one by then. The
+/// connection blocks; but a binding of the prepared socket to a wait set or window goes over to it, and then it does not.
 uint32_t start_accept(uint64_t listener, IoRequest& request, uint64_t accept_socket, void* local_address,
                       void* remote_address);
 

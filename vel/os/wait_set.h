@@ -54,7 +54,8 @@ public:
     virtual ~WaitSet() = default;
 
     /// Wants these notices of a socket from now on, instead of those before; a former binding of the socket, here or
-    /// elsewhere, ends. 0 wants none and keeps the member.
+    /// elsewhere, ends. 0 wants none and keeps the member. A socket into which a port accepts stays bound, to the
+    /// connection from then on, and so becomes non-blocking.
     virtual uint32_t bind(uint64_t key, uint64_t socket, uint32_t notices) = 0;
 
     /// Adds an event or a thread. The set never resets it: a manual-reset one stays signalled until its owner does; an

@@ -1,7 +1,9 @@
 // Contract of the wait set, with real sockets on the loopback address.
 #include <vel/os/wait_set.h>
 
+#include <vel/os/completion_port.h>
 #include <vel/os/linux/testing/lock_waiter.h>
+#include <vel/os/linux/testing/starved_sleeper.h>
 #include <vel/os/thread.h>
 #include <vel/testing/os_fixture.h>
 
@@ -386,6 +388,64 @@ TEST_F(WaitSets, AKilledSleeperDoesNotKeepTheOthersFromGoingOn) {
     void* other = start_sleeper(); // waits first for the lost one to leave, in vain
     EXPECT_EQ(set_->add_event(1, lost), error::none);
     EXPECT_EQ(wait_handle(other, patience_ms), error::none); // has been given the handle of the thread that ended
+}
+
+// Others give it up after a while; when it comes after all, it still finds out of its sleep.
+TEST_F(WaitSets, AStarvedSleeperMissesNoWake) {
+    const Pair pair = bound_pairs(1, notice::read)[0];
+    Tally begin, freed;
+    std::atomic<uint32_t> ids[2] = {0, 0};
+    const auto id = [&](int thread) {
+        while (ids[thread] == 0) std::this_thread::yield();
+        return ids[thread].load();
+    };
+    const auto await_wake = [&](uint32_t seen) {
+        uint64_t key = 99;
+        EXPECT_EQ(set_->wait(0, seen, VEL_INFINITE, key), error::none);
+        EXPECT_EQ(key, 0u);
+        freed.add();
+    };
+    const auto late = crew(1, [&](int) {
+        ids[0] = current_thread_id();
+        EXPECT_TRUE(begin.reaches(1));
+        await_wake(0);
+    });
+    vel::testing::StarvedSleeper victim(id(0));
+    begin.add();
+    while (!victim.stopped) std::this_thread::yield();
+    set_->wake();
+    const auto other = crew(1, [&](int) {
+        ids[1] = current_thread_id();
+        expect(1, notice::read);
+        freed.add();
+        await_wake(1);
+    });
+    EXPECT_TRUE(comes_to_sleep_in(id(1), {SYS_epoll_pwait2})); // it has given the first one up
+    victim.let_go = true;
+    EXPECT_TRUE(freed.reaches(1, soon_ms));
+    deliver(pair, "a"); // the members are there for those who sleep anew
+    EXPECT_TRUE(freed.reaches(2, soon_ms));
+    set_->wake();
+}
+
+// The number of the prepared socket comes to stand for a connection that nobody has bound.
+TEST_F(WaitSets, ABindingGoesOverToTheConnectionThatAPortAccepts) {
+    Address address;
+    const uint64_t listener = keep(open_listener(address)), prepared = keep(open(stream));
+    void* port = nullptr;
+    ASSERT_EQ(create_port(1, port), error::none);
+    ASSERT_EQ(associate(port, reinterpret_cast<void*>(listener), 1), error::none);
+    bind(1, prepared, notice::all);
+    IoRequest accept{};
+    ASSERT_EQ(start_accept(listener, accept, prepared, nullptr, nullptr), error::none);
+    const Pair pair{keep(connect_to(address)), prepared};
+    Completion accepted;
+    EXPECT_EQ(wait_completion(port, patience_ms, accepted) + accepted.error, error::none);
+    expect(1, notice::write);
+    EXPECT_EQ(receive_some(prepared), error::would_block);
+    deliver(pair, "a");
+    expect(1, notice::read);
+    close_port(port);
 }
 
 } // namespace

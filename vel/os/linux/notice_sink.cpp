@@ -40,9 +40,9 @@ void NoticeSink::leave(const HandleObject& socket, uint64_t key) {
     released(key);
 }
 
-int NoticeSink::fetch(epoll_event* edges, int room, const timespec* timeout, uint64_t& fetch) {
+int NoticeSink::fetch(int epoll, epoll_event* edges, int room, const timespec* timeout, uint64_t& fetch) {
     fetch = fetches_.fetch_add(1) + 1;
-    return ::epoll_pwait2(epoll_.get(), edges, room, timeout, nullptr);
+    return ::epoll_pwait2(epoll, edges, room, timeout, nullptr);
 }
 
 bool NoticeSink::deliver(const epoll_event& edge, uint64_t fetch, uint64_t& key) {

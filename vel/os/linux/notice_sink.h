@@ -50,15 +50,19 @@ protected:
     NoticeSink(const NoticeSink&) = delete;
     NoticeSink& operator=(const NoticeSink&) = delete;
 
-    /// Gives an errno, 0 on success.
+    /// Opens an epoll in the place of the one before, if any. Gives an errno, 0 on success.
     int open();
+
+    /// What `fetch` waits in. Changed under the lock of all bindings.
+    Descriptor& epoll() { return epoll_; }
     int watch(int descriptor, uint32_t events, uint64_t tag);
     void forget(int descriptor);
 
     /// Waits for edges; their number, -1 when interrupted.
+    /// @param epoll    number of the epoll's descriptor
     /// @param timeout  null waits for ever
     /// @param fetch    the number of this fetch, for `deliver`
-    int fetch(epoll_event* edges, int room, const timespec* timeout, uint64_t& fetch);
+    int fetch(int epoll, epoll_event* edges, int room, const timespec* timeout, uint64_t& fetch);
 
     /// Applies an edge to its socket, unless that was closed meanwhile. True when something is recorded under `key`.
     bool deliver(const epoll_event& edge, uint64_t fetch, uint64_t& key);

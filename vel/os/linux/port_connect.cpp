@@ -10,6 +10,7 @@
 #include <vel/os/linux/completion_port.h>
 #include <vel/os/linux/error.h>
 #include <vel/os/linux/socket_object.h>
+#include <vel/os/socket.h>
 
 namespace vel::os {
 namespace {
@@ -107,7 +108,8 @@ bool perform_accept(const PortBinding& binding, PortDirection& direction, IoRequ
         socklen_t length = address_bytes;
         ::getsockname(accepted, static_cast<sockaddr*>(request.local_address), &length);
     }
-    prepared->nonblocking = false; // the new connection is blocking, whatever the prepared socket was
+    prepared->nonblocking = false; // the new connection is blocking, whatever the prepared socket was, unless bound
+    if (prepared->notices.renew(error)) error = set_nonblocking(request.accept_socket, true);
     if (!prepared->port.renew(*prepared)) error = error::socket_invalid;
     return true;
 }

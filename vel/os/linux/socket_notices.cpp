@@ -96,6 +96,25 @@ void SocketNotices::close() {
     unbind();
 }
 
+bool SocketNotices::renew(uint32_t& code) {
+    const std::lock_guard bindings(NoticeSink::bindings_lock());
+    {
+        const Change change(*this);
+        phase_ = Phase::connected;
+        NoticeSink* sink = sink_.load(std::memory_order_relaxed);
+        if (!sink) return false;
+        code = sink->enter(owner_); // the system has dropped the former connection's
+        if (!code) {
+            withdraw(notice::all);
+            note_use();
+            apply(look());
+            return true;
+        }
+    }
+    unbind();
+    return false;
+}
+
 bool SocketNotices::on_edge(const NoticeSink& sink, uint32_t events, uint64_t fetch, uint64_t& key) {
     const Guard guard(lock_);
     if (sink_.load(std::memory_order_relaxed) != &sink) return false;

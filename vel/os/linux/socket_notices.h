@@ -41,6 +41,7 @@ public:
     Notices take(uint32_t notices = notice::all);
     uint32_t bind(NoticeSink& sink, uint64_t key, uint32_t wanted);
     void unbind();
+    const HandleObject& owner() const { return owner_; }
 
     /// Applies an edge of a fetch. True when something is recorded under `key` afterwards.
     bool on_edge(const NoticeSink& sink, uint32_t events, uint64_t fetch, uint64_t& key);
@@ -69,6 +70,10 @@ public:
     void listening() {
         if (bound()) start_listening();
     }
+
+    /// The descriptor stands for a fresh connection: a binding goes over to it. True when there is one. A sink that
+    /// cannot take it is left, with a code.
+    bool renew(uint32_t& code);
 
     /// Around a connect call. True when it starts a new connect.
     bool connect_begins();

@@ -24,7 +24,7 @@ public:
 
     bool fetch_edge() {
         const timespec patience{patience_ms / 1000, 0};
-        return fetch(&edge_, 1, &patience, fetch_) == 1;
+        return fetch(epoll().get(), &edge_, 1, &patience, fetch_) == 1;
     }
 
     // What the socket has recorded once the edge is applied.

@@ -13,14 +13,25 @@
 namespace vel::os {
 
 uint32_t EpollWaitSet::open() {
-    if (const int error_number = NoticeSink::open()) return system_error(error_number);
-    wake_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!wake_) return system_error(errno);
     nudge_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!nudge_) return system_error(errno);
+    const int error_number = nudge_ ? open_epoll() : errno;
+    return error_number ? system_error(error_number) : error::none;
+}
+
+// With all members. Gives an errno.
+int EpollWaitSet::open_epoll() {
+    if (const int error_number = NoticeSink::open()) return error_number;
+    wake_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake_) return errno;
     int error_number = watch(wake_.get(), EPOLLIN, wake_tag);
     if (!error_number) error_number = watch(nudge_.get(), EPOLLIN | EPOLLET, nudge_tag);
-    return error_number ? system_error(error_number) : error::none;
+    for (uint32_t place = 0; place < members_.count() && !error_number; ++place) {
+        const WaitMember& member = members_[place];
+        if (member.socket) error_number = static_cast<int>(enter(member.socket->owner()));
+        if (const uint64_t tag = member.event_tag)
+            use_event(tag, [&](Waitable& event) { error_number = watch(event.descriptor(), EPOLLIN | EPOLLET, tag); });
+    }
+    return error_number;
 }
 
 EpollWaitSet::~EpollWaitSet() {

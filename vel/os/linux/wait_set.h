@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <list>
 #include <mutex>
 #include <vel/os/linux/deadline.h>
 #include <vel/os/linux/notice_sink.h>
@@ -20,7 +21,9 @@ namespace vel::os {
 /// leaves a wait passes on what is left, so none is lost and no herd comes.
 ///
 /// Wake-ups. `wake` counts a generation up and makes a level-triggered descriptor readable, which frees all sleepers.
-/// Until the last of them has left and read it (`draining_`), nobody goes to sleep.
+/// Until the last of them has left and read it (`draining_`), nobody goes to sleep. Sleepers that do not come, since
+/// somebody has ended their threads or they get no processor, are left behind with their epoll after a while; it stays
+/// readable for them, and the others go on with a fresh one.
 class EpollWaitSet final : public WaitSet, private NoticeSink {
 public:
     EpollWaitSet() = default;
@@ -46,6 +49,15 @@ private:
     using Lock = std::unique_lock<ShortLock>;
     struct Batch;
 
+    /// Threads in an epoll that the set has left.
+    struct Stragglers {
+        uint32_t epoch = 0;
+        uint32_t count = 0;
+        Descriptor epoll{-1};
+        Descriptor wake{-1};
+    };
+
+    int open_epoll();
     void recorded(SocketNotices& socket, uint64_t key) override;
     void retracted(uint64_t key) override;
     void released(uint64_t key) override;
@@ -72,7 +84,7 @@ private:
     // Both ask the kernel, with the lock open meanwhile.
     void look(Lock& lock);
     void sleep(Lock& lock, const Deadline& deadline);
-    void fetch_batch(const timespec* timeout, Batch& batch);
+    bool fetch_batch(Lock& lock, const timespec* timeout);
     void apply(const Batch& batch);
     uint32_t refresh(uint64_t key);
 
@@ -80,6 +92,8 @@ private:
     void last_sleeper_left();
     void await_drain(Lock& lock, const Deadline& deadline);
     void free_barred();
+    void leave_stragglers(uint32_t barrier);
+    void straggler_came(uint32_t epoch);
 
     void nudge_one();
     void pass_on(uint32_t given);
@@ -87,7 +101,9 @@ private:
     ShortLock lock_; // guards what follows
     WaitMembers members_;
     uint32_t sleepers_ = 0; // threads from before their wait in the epoll until they have applied what it brought
-    uint32_t epoch_ = 0;    // counts how often sleepers were given up
+    uint32_t fetchers_ = 0; // these, and those that look without sleeping
+    uint32_t epoch_ = 0;    // counts the epolls
+    std::list<Stragglers> stragglers_;
     bool draining_ = false;
     bool nudged_ = false;                 // a nudge is under way
     std::atomic<uint64_t> last_key_{0};   // the largest that there was

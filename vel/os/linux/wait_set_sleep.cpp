@@ -1,6 +1,7 @@
 // Waiting for the members of a wait set: looking, sleeping, and freeing other sleepers.
 #include <vel/os/linux/wait_set.h>
 
+#include <new>
 #include <sys/eventfd.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/linux/futex.h>
@@ -82,32 +83,29 @@ bool EpollWaitSet::take_signal(const WaitMember& member) {
 
 void EpollWaitSet::look(Lock& lock) {
     constexpr timespec at_once{};
-    Batch batch;
-    lock.unlock();
-    fetch_batch(&at_once, batch);
-    lock.lock();
-    apply(batch);
+    fetch_batch(lock, &at_once);
 }
 
 void EpollWaitSet::sleep(Lock& lock, const Deadline& deadline) {
     constexpr timespec at_once{};
-    const uint32_t epoch = epoch_;
     ++sleepers_;
     const bool idle = !await_events();
-    Batch batch;
     timespec left;
-    lock.unlock();
-    fetch_batch(idle ? deadline.remaining(left) : &at_once, batch);
-    lock.lock();
-    apply(batch);
-    if (epoch == epoch_ && --sleepers_ == 0) last_sleeper_left();
+    const bool stayed = fetch_batch(lock, idle ? deadline.remaining(left) : &at_once);
+    if (stayed && --sleepers_ == 0) last_sleeper_left();
 }
 
-void EpollWaitSet::fetch_batch(const timespec* timeout, Batch& batch) {
+// False when the set has left the epoll meanwhile.
+bool EpollWaitSet::fetch_batch(Lock& lock, const timespec* timeout) {
     constexpr int room = capacity + 2;
     epoll_event edges[room];
     uint64_t number = 0;
-    const int count = fetch(edges, room, timeout, number);
+    Batch batch;
+    const uint32_t epoch = epoch_;
+    const int from = epoll().get();
+    ++fetchers_;
+    lock.unlock();
+    const int count = fetch(from, edges, room, timeout, number);
     for (int index = 0; index < count; ++index) {
         const uint64_t tag = edges[index].data.u64;
         if (tag & own_tag)
@@ -115,6 +113,14 @@ void EpollWaitSet::fetch_batch(const timespec* timeout, Batch& batch) {
         else if (deliver(edges[index], number, batch.keys[batch.count]))
             ++batch.count;
     }
+    lock.lock();
+    apply(batch);
+    const bool stayed = epoch == epoch_;
+    if (stayed)
+        --fetchers_;
+    else
+        straggler_came(epoch);
+    return stayed;
 }
 
 void EpollWaitSet::apply(const Batch& batch) {
@@ -152,7 +158,7 @@ void EpollWaitSet::free_barred() {
 }
 
 // Nobody sleeps on a descriptor that is readable for others: it would spin. They need microseconds to leave; the
-// patience is for sleepers that never come back, since somebody has ended or suspended their threads.
+// patience is for sleepers that do not come.
 void EpollWaitSet::await_drain(Lock& lock, const Deadline& deadline) {
     constexpr int slices = 10;
     constexpr uint32_t slice_ms = 100; // counted one by one, so that a stop of the whole process passes for one
@@ -167,9 +173,41 @@ void EpollWaitSet::await_drain(Lock& lock, const Deadline& deadline) {
             if (barrier_.load() != seen || deadline.expired()) return;
         }
     }
+    lock.unlock(); // the lock of all bindings comes before
+    leave_stragglers(seen);
+    lock.lock();
+}
+
+// Whoever has missed the wake-up, late by much, must still meet it: the descriptor that tells of it is not read, and
+// whatever is signalled makes an edge in the fresh epoll. Without one everybody waits on.
+void EpollWaitSet::leave_stragglers(uint32_t barrier) {
+    const std::lock_guard bindings(bindings_lock());
+    const Guard guard(lock_);
+    if (!draining_ || barrier_.load() != barrier) return;
+    try {
+        stragglers_.emplace_front();
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+    Stragglers& left = stragglers_.front();
+    left.epoch = epoch_;
+    left.count = fetchers_;
+    left.epoll.reset(epoll().release());
+    left.wake.reset(wake_.release());
+    if (open_epoll() != 0) {
+        epoll().reset(left.epoll.release());
+        wake_.reset(left.wake.release());
+        stragglers_.pop_front();
+        return;
+    }
     ++epoch_;
-    sleepers_ = 0;
+    fetchers_ = sleepers_ = 0;
+    nudged_ = false;
     last_sleeper_left();
+}
+
+void EpollWaitSet::straggler_came(uint32_t epoch) {
+    stragglers_.remove_if([&](Stragglers& left) { return left.epoch == epoch && --left.count == 0; });
 }
 
 void EpollWaitSet::nudge_one() {

@@ -82,7 +82,7 @@ bool WindowNotifier::serve() {
     constexpr int batch = 64;
     epoll_event edges[batch];
     uint64_t number = 0;
-    const int count = fetch(edges, batch, nullptr, number);
+    const int count = fetch(epoll().get(), edges, batch, nullptr, number);
     for (int i = 0; i < count; ++i) {
         uint64_t key = 0;
         eventfd_t wakes;
