@@ -61,6 +61,7 @@ struct IoRequest : OVERLAPPED {
     void* local_address;               // 16-byte local address to fill (accept)
     uint64_t accept_socket;            // the socket an accept completes into
     uint32_t accept_socket_generation; // tells it from a later one with the same handle
+    uint32_t handle_generation;        // the same of the handle that it is aimed at; 0 for whichever has the number
     uint32_t key;                      // completion key of the handle when the request was started
     int32_t address_size;              // bytes of an `address` to send or connect to
     uint8_t kind;                      // what to do; the port's own enumeration

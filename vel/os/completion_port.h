@@ -67,6 +67,9 @@ private:
     PortObject* const object_;
 };
 
+/// Has the request start on this very handle only: on a later one with the same number it fails as on a closed one.
+void aim(IoRequest& request, void* handle);
+
 /// Starts a transfer; 0 when started (also when it has finished already: the completion arrives all the same).
 /// A read completes with at least 1 byte, or 0 bytes and no error at end of stream; a send when every byte is out.
 /// A read of length 0 moves nothing and completes when there is something to read or the stream has ended.

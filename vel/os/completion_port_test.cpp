@@ -26,6 +26,42 @@ TEST_F(CompletionPort, DataAndEndOfStreamInOneEdge) {
     }
 }
 
+TEST_F(CompletionPort, AimedRequestIsNotForALaterHandleOfTheSameNumber) {
+    const Pair pair = connected(1);
+    Request aimed;
+    aim(aimed, reinterpret_cast<void*>(pair.server));
+    ASSERT_EQ(start_send(pair.server, aimed), 0u);
+    expect(aimed, aimed.data.size());
+    close_socket(pair.server);
+    uint64_t later = keep(open(datagram));
+    while (later != pair.server) later = keep(open(datagram)); // takes the lowest number that is free
+    bind(later, 2);
+    EXPECT_EQ(start_send(later, aimed), error::not_a_socket);
+    aim(aimed, nullptr);
+    EXPECT_NE(start_send(later, aimed), error::not_a_socket);
+}
+
+TEST_F(CompletionPort, NoEdgeIsLostWhileSendsMeetAFullSocket) {
+    constexpr int count = 2000;
+    const Pair pair = connected(1);
+    std::array<Request, 2> sends{Request(300000), Request(300000)}; // more than the socket takes at once
+    Tally completed;
+    std::atomic<int> left{count - 2};
+    Workers workers(port_, 2, [&](const Completion& completion) {
+        if (left-- > 0) start_send(pair.server, *static_cast<Request*>(static_cast<IoRequest*>(completion.record)));
+        completed.add();
+    });
+    std::thread reader([&] {
+        std::string room(200000, '\0');
+        uint64_t moved = 1;
+        while (moved > 0 && os::receive(pair.client, room.data(), room.size(), moved) == 0) continue;
+    });
+    for (Request& each : sends) EXPECT_EQ(start_send(pair.server, each), 0u);
+    EXPECT_TRUE(completed.reaches(count)) << completed.count();
+    close_socket(pair.client);
+    reader.join();
+}
+
 TEST_F(CompletionPort, SeveralAcceptsAreServedByOneEdge) {
     Address address, local, remote;
     const uint64_t listener = keep(open_listener(address)), closed = open(stream);

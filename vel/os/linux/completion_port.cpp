@@ -13,7 +13,7 @@
 namespace vel::os {
 namespace {
 
-using Guard = std::lock_guard<ShortLock>;
+using Guard = std::lock_guard<PortDirection>;
 using PinnedPort = Pinned<PortObject>;
 
 bool is_proxy(const IoRequest& request) { return request.kind & proxy_bit; }
@@ -34,8 +34,8 @@ void PortObject::detach() {
 }
 
 void PortObject::release(PortBinding& binding) {
-    const Guard input(binding.input_.lock);
-    const Guard output(binding.output_.lock);
+    const Guard input(binding.input_);
+    const Guard output(binding.output_);
     discard(binding.input_.take_all());
     discard(binding.output_.take_all());
     forget(binding);
@@ -60,13 +60,13 @@ uint32_t PortObject::associate(HandleObject& object, HandleKind kind, uint32_t k
     if (!binding) return error::invalid_parameter;
     {
         const std::lock_guard associations(associations_lock());
-        const Guard input(binding->input_.lock);
-        const Guard output(binding->output_.lock);
+        const Guard input(binding->input_);
+        const Guard output(binding->output_);
         if (closed_) return error::port_closed;
         if (binding->closed_) return error::invalid_handle;
         if (binding->port_) return error::invalid_parameter;
         binding->key_ = key;
-        if (const uint32_t code = bind(*binding, object, kind)) return code;
+        if (const uint32_t code = bind(*binding, object)) return code;
         binding->port_ = this;
         binding->previous_ = nullptr;
         binding->next_ = std::exchange(bindings_, binding);
@@ -77,9 +77,9 @@ uint32_t PortObject::associate(HandleObject& object, HandleKind kind, uint32_t k
 }
 
 // Sockets join the epoll; the first edge that they get for it tells what is ready already.
-uint32_t PortObject::bind(PortBinding& binding, HandleObject& object, HandleKind kind) {
+uint32_t PortObject::bind(PortBinding& binding, HandleObject& object) {
     binding.descriptor_ = object.descriptor();
-    binding.is_socket_ = kind == HandleKind::socket;
+    binding.generation_ = object.generation();
     for (PortDirection* direction : {&binding.input_, &binding.output_}) {
         direction->ready = true;
         direction->drain = false;
@@ -91,8 +91,7 @@ uint32_t PortObject::bind(PortBinding& binding, HandleObject& object, HandleKind
     socklen_t length = sizeof type;
     if (::getsockopt(binding.descriptor_, SOL_SOCKET, SO_TYPE, &type, &length) < 0) return system_error(errno);
     binding.is_stream_ = type == SOCK_STREAM;
-    binding.event_tag_ = PortEvents::tag_of(object);
-    const int error_number = events_.add(binding.descriptor_, binding.event_tag_);
+    const int error_number = events_.add(binding.descriptor_, binding);
     return error_number ? system_error(error_number) : error::none;
 }
 

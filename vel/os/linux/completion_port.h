@@ -47,7 +47,7 @@ public:
     static std::mutex& associations_lock();
 
 private:
-    uint32_t bind(PortBinding& binding, HandleObject& object, HandleKind kind);
+    uint32_t bind(PortBinding& binding, HandleObject& object);
     void release(PortBinding& binding);
     static void discard(IoRequest* chain);
 

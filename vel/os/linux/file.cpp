@@ -93,7 +93,7 @@ uint32_t open_file(const char* path, FileOpen how, void*& file, const FileOption
     if (const uint32_t code = prepare(opened.get(), how, options)) return code;
     const bool writable = how != FileOpen::open_read;
     std::unique_ptr<FileObject> object(new (std::nothrow) FileObject(writable, options.delete_on_close));
-    if (!object) return error::not_enough_memory;
+    if (!object || !object->port_binding()) return error::not_enough_memory;
     void* handle = HandleTable::insert(opened.release(), HandleKind::file, std::move(object));
     if (!handle) return error::too_many_open_files;
     file = handle;

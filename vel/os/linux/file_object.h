@@ -14,20 +14,20 @@ public:
 
     /// Lets the port drop the file first, then ends the waits for byte ranges.
     void detach() override {
-        port_.detach();
+        port_->detach();
         locks_.close(descriptor());
     }
 
     void abandon(uint32_t thread_id) override { locks_.abandon(descriptor(), thread_id); }
 
-    PortBinding* port_binding() override { return &port_; }
+    PortBinding* port_binding() override { return port_.get(); }
 
     ByteLocks& locks() { return locks_; }
     bool writable() const { return writable_; }
 
 private:
     ByteLocks locks_;
-    PortBinding port_;
+    const PortBinding::Owner port_ = PortBinding::make(false);
     const bool writable_;
     const bool delete_on_close_;
 };

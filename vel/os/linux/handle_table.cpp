@@ -21,6 +21,7 @@ constexpr uint64_t without_kind(uint64_t word) { return word & ~(uint64_t{0xFF} 
 struct Slot {
     std::atomic<uint64_t> word{0};
     HandleObject* object = nullptr;
+    std::atomic<PortBinding*> port_binding{nullptr};
 };
 
 constexpr uint32_t chunk_slots = 1024;
@@ -74,6 +75,7 @@ void* HandleTable::insert(int descriptor, HandleKind kind, std::unique_ptr<Handl
     const uint64_t generation = (slot->word.load(std::memory_order_acquire) >> generation_shift) + 1;
     object->descriptor_ = descriptor;
     object->generation_ = static_cast<uint32_t>(generation & 0xFFFFFF);
+    slot->port_binding.store(object->port_binding(), std::memory_order_release);
     slot->object = object.release();
     slot->word.store(generation << generation_shift | static_cast<uint64_t>(kind) << kind_shift | 1,
                      std::memory_order_release);
@@ -137,6 +139,16 @@ uint64_t HandleTable::open_count() { return open_handles.load(std::memory_order_
 HandleKind HandleTable::kind(void* handle) {
     Slot* slot = find_slot(descriptor_of(handle));
     return slot ? kind_of(slot->word.load(std::memory_order_acquire)) : HandleKind::none;
+}
+
+uint32_t HandleTable::generation(void* handle) {
+    Slot* slot = find_slot(descriptor_of(handle));
+    return slot ? static_cast<uint32_t>(slot->word.load(std::memory_order_acquire) >> generation_shift) : 0;
+}
+
+PortBinding* HandleTable::port_binding(uint64_t handle) {
+    Slot* slot = find_slot(descriptor_of(reinterpret_cast<void*>(handle)));
+    return slot ? slot->port_binding.load(std::memory_order_acquire) : nullptr;
 }
 
 // The model is repeated: the compiler forgets that of the declaration here, and would call for the variable's address.

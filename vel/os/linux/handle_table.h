@@ -57,6 +57,13 @@ public:
     static void unpin(HandleObject* object);
 
     static HandleKind kind(void* handle);
+
+    /// Tells the handle from earlier and later ones with its number; 0 for none.
+    static uint32_t generation(void* handle);
+
+    /// What `HandleObject::port_binding` gave when the handle was opened. May be that of a handle which has been closed,
+    /// so it is for those only who can tell.
+    static PortBinding* port_binding(uint64_t handle);
 };
 
 /// One pin of the calling thread. The pins of a thread form a chain, so that those of a thread that is ended by force

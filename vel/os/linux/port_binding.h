@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vel/os/linux/short_lock.h>
 #include <vel/types.h>
 
@@ -26,8 +27,26 @@ inline IoKind kind_of(const IoRequest& request) { return static_cast<IoKind>(req
 /// The lock guards everything up to the tail and is held during the calls that move the bytes, none of which blocks.
 /// Whoever unlinks a request completes it, and does so before the lock is free again: so the order is kept.
 /// The file pool guards what follows the tail.
-struct PortDirection {
-    ShortLock lock;
+class PortDirection {
+public:
+    void lock() { lock_.lock(); }
+    bool try_lock() { return lock_.try_lock(); }
+    void unlock() {
+        calm_.store(ready && !head, std::memory_order_relaxed);
+        lock_.unlock();
+    }
+
+    /// An edge that was seen before this call changes nothing here: the direction was ready without it and nothing
+    /// waits. Whoever holds the lock may be in the middle of a call that found it dry before the edge came, so the lock
+    /// must be free when `calm_` is read, in this order. A call made under a lock that is taken later sees what the edge
+    /// told.
+    bool is_calm() const { return lock_.is_free() && calm_.load(std::memory_order_relaxed); }
+
+private:
+    ShortLock lock_;
+    std::atomic<bool> calm_{false};
+
+public:
     bool ready = true;  // worth a try; false (dry) until the next edge
     bool drain = false; // hang-up, error or urgent data seen: more may follow a short read without another edge
     IoRequest* head = nullptr;
@@ -54,11 +73,22 @@ struct PortDirection {
 /// Its owner overrides `HandleObject::port_binding` to return it and calls `detach` first thing in
 /// `HandleObject::detach`, before anything that would end the transfers (a shutdown, say).
 ///
-/// Invariants: `port_` and what describes the handle change only with the lock of all associations and both
-/// directions' locks held, so either lock is enough to read them and keeps the port alive.
-class PortBinding {
+/// Memory: a binding outlives its handle and is used again for another one, but never freed. So whoever comes late may
+/// take the locks still.
+///
+/// Invariants: `port_` and what describes the handle change only with both directions' locks held (and that of all
+/// associations, where a port is concerned), so either lock is enough to read them and, while `port_` is not null, keeps
+/// the port alive and the descriptor open. So whoever holds one of the locks needs no pin of the handle.
+class alignas(64) PortBinding {
 public:
-    PortBinding() = default;
+    struct Recycle {
+        void operator()(PortBinding* binding) const;
+    };
+    using Owner = std::unique_ptr<PortBinding, Recycle>;
+
+    /// The binding of a new handle; null when there is no memory.
+    static Owner make(bool for_socket);
+
     PortBinding(const PortBinding&) = delete;
     PortBinding& operator=(const PortBinding&) = delete;
 
@@ -66,14 +96,15 @@ public:
     void detach();
 
     /// Tries the request when nothing waits before it, else queues it.
-    uint32_t start_input(IoRequest& request) { return start(input_, request); }
-    uint32_t start_output(IoRequest& request) { return start(output_, request); }
+    /// @param descriptor  of the handle that is meant; the binding may serve another one by now
+    uint32_t start_input(int descriptor, IoRequest& request) { return start(input_, descriptor, request); }
+    uint32_t start_output(int descriptor, IoRequest& request) { return start(output_, descriptor, request); }
 
     /// Goes on with the requests of the directions that the events (of epoll) speak of.
     void on_events(uint32_t events);
 
     /// The descriptor stands for another connection from now on. False when somebody uses the handle.
-    bool renew(HandleObject& owner);
+    bool renew();
 
     int descriptor() const { return descriptor_; }
     bool is_socket() const { return is_socket_; }
@@ -82,8 +113,13 @@ public:
 
 private:
     friend class PortObject;
+    struct Spare;
 
-    uint32_t start(PortDirection& direction, IoRequest& request);
+    explicit PortBinding(bool for_socket) : is_socket_(for_socket) {}
+    void set_closed(bool closed);
+    bool serves(int descriptor, const IoRequest& request) const;
+    uint32_t refusal(const IoRequest& request) const;
+    uint32_t start(PortDirection& direction, int descriptor, IoRequest& request);
     uint32_t start_transfer(PortDirection& direction, IoRequest& request);
     void resume(PortDirection& direction, bool drain);
     void finish_all(PortDirection& direction);
@@ -92,10 +128,10 @@ private:
     PortObject* port_ = nullptr;
     uint32_t key_ = 0;
     int descriptor_ = -1;
-    uint64_t event_tag_ = 0;
-    bool is_socket_ = false;
+    uint32_t generation_ = 0;
+    const bool is_socket_;
     bool is_stream_ = false;
-    bool closed_ = false;
+    bool closed_ = true;
     PortDirection input_;
     PortDirection output_;
     PortBinding* next_ = nullptr; // neighbours in the port's list, under the lock of all associations

@@ -110,7 +110,7 @@ bool perform_accept(const PortBinding& binding, PortDirection& direction, IoRequ
     }
     prepared->nonblocking = false; // the new connection is blocking, whatever the prepared socket was, unless bound
     if (prepared->notices.renew(error)) error = set_nonblocking(request.accept_socket, true);
-    if (!prepared->port.renew(*prepared)) error = error::socket_invalid;
+    if (!prepared->port->renew()) error = error::socket_invalid;
     return true;
 }
 

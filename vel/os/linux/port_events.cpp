@@ -12,15 +12,11 @@ namespace vel::os {
 namespace {
 
 constexpr int batch_size = 256;
-constexpr uint64_t latch_tag = ~uint64_t{0};
 constexpr uint32_t socket_events = EPOLLIN | EPOLLPRI | EPOLLOUT | EPOLLRDHUP | EPOLLET;
 
+// The latch has no binding.
 void deliver(const epoll_event& event) {
-    if (event.data.u64 == latch_tag) return;
-    HandleObject* object = HandleTable::pin(static_cast<int>(event.data.u64 & 0xFFFFFFFF), HandleKind::socket);
-    if (!object) return;
-    if (object->generation() == event.data.u64 >> 32) object->port_binding()->on_events(event.events);
-    HandleTable::unpin(object);
+    if (event.data.ptr) static_cast<PortBinding*>(event.data.ptr)->on_events(event.events);
 }
 
 } // namespace
@@ -33,17 +29,17 @@ int PortEvents::open() {
     latch_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (latch_ < 0) return errno;
     // Edge-triggered: each write is reported once and nobody needs to read it.
-    epoll_event event{EPOLLIN | EPOLLET, {.u64 = latch_tag}};
+    epoll_event event{EPOLLIN | EPOLLET, {.ptr = nullptr}};
     return ::epoll_ctl(port_.descriptor(), EPOLL_CTL_ADD, latch_, &event) < 0 ? errno : 0;
 }
 
-int PortEvents::add(int descriptor, uint64_t tag) {
-    epoll_event event{socket_events, {.u64 = tag}};
+int PortEvents::add(int descriptor, PortBinding& binding) {
+    epoll_event event{socket_events, {.ptr = &binding}};
     return ::epoll_ctl(port_.descriptor(), EPOLL_CTL_ADD, descriptor, &event) < 0 ? errno : 0;
 }
 
-void PortEvents::repeat(int descriptor, uint64_t tag) {
-    epoll_event event{socket_events, {.u64 = tag}};
+void PortEvents::repeat(int descriptor, PortBinding& binding) {
+    epoll_event event{socket_events, {.ptr = &binding}};
     ::epoll_ctl(port_.descriptor(), EPOLL_CTL_MOD, descriptor, &event);
 }
 
@@ -55,9 +51,5 @@ void PortEvents::poll(const timespec* timeout, std::atomic<bool>& sleeping) {
 }
 
 void PortEvents::interrupt() { ::eventfd_write(latch_, 1); }
-
-uint64_t PortEvents::tag_of(const HandleObject& owner) {
-    return uint64_t{owner.generation()} << 32 | static_cast<uint32_t>(owner.descriptor());
-}
 
 } // namespace vel::os

@@ -8,11 +8,12 @@
 namespace vel::os {
 
 class HandleObject;
+class PortBinding;
 
 /// Readiness of all sockets of a port, and a latch that ends the wait.
 ///
-/// Each socket is registered once, for both directions and the peer's close. It leaves when its descriptor is closed;
-/// an event that still names it carries the generation of its handle and is dropped.
+/// Each socket is registered once, for both directions and the peer's close. It leaves when its descriptor is closed. An
+/// event that comes later reaches whoever has its binding by then, for whom it is an attempt in vain.
 class PortEvents {
 public:
     /// @param port  owner of the epoll descriptor
@@ -25,10 +26,10 @@ public:
     int open();
 
     /// Gives an errno. What is true already counts as an edge.
-    int add(int descriptor, uint64_t tag);
+    int add(int descriptor, PortBinding& binding);
 
     /// Has the socket reported again when it is still ready.
-    void repeat(int descriptor, uint64_t tag);
+    void repeat(int descriptor, PortBinding& binding);
 
     /// Waits for a batch and goes on with the requests it makes possible. Clears `sleeping` in between.
     /// @param timeout  null waits for ever
@@ -36,8 +37,6 @@ public:
 
     /// Ends a wait, now or the next one.
     void interrupt();
-
-    static uint64_t tag_of(const HandleObject& owner);
 
 private:
     const HandleObject& port_;

@@ -118,13 +118,13 @@ void FilePool::run() {
 bool FilePool::serve(PortDirection& direction) {
     IoRequest* request = nullptr;
     {
-        const std::lock_guard guard(direction.lock);
+        const std::lock_guard guard(direction);
         if (direction.head) request = direction.take_first();
     }
     if (!request) return false;
     const uint32_t code = transfer(direction.lane_owner->descriptor(), *request);
     port_.finish(*request, code);
-    const std::lock_guard guard(direction.lock);
+    const std::lock_guard guard(direction);
     return direction.head != nullptr;
 }
 

@@ -47,7 +47,8 @@ uint32_t start(uint64_t handle, bool input, const void* buffer, uint64_t length,
     proxy->address_length = address.length;
     proxy->address_size = address.size;
     record.Internal = error::io_pending;
-    const uint32_t code = input ? binding->start_input(*proxy) : binding->start_output(*proxy);
+    const uint32_t code = input ? binding->start_input(object->descriptor(), *proxy)
+                                : binding->start_output(object->descriptor(), *proxy);
     if (code) return code;
     proxy.release(); // the port's now
     return error::io_pending;

@@ -21,13 +21,13 @@ void prepare(IoRequest& request, IoKind kind, const void* buffer, uint64_t lengt
 }
 
 uint32_t start_input(uint64_t socket, IoRequest& request) {
-    const PinnedHandle object(socket, HandleKind::socket);
-    return object ? object->port_binding()->start_input(request) : error::not_a_socket;
+    PortBinding* binding = HandleTable::port_binding(socket);
+    return binding ? binding->start_input(static_cast<int>(socket), request) : error::not_a_socket;
 }
 
 uint32_t start_output(uint64_t socket, IoRequest& request) {
-    const PinnedHandle object(socket, HandleKind::socket);
-    return object ? object->port_binding()->start_output(request) : error::not_a_socket;
+    PortBinding* binding = HandleTable::port_binding(socket);
+    return binding ? binding->start_output(static_cast<int>(socket), request) : error::not_a_socket;
 }
 
 // There is no accept call that does not wait on a listener that does.
@@ -37,6 +37,8 @@ void make_nonblocking(int descriptor) {
 }
 
 } // namespace
+
+void aim(IoRequest& request, void* handle) { request.handle_generation = HandleTable::generation(handle); }
 
 uint32_t start_receive(uint64_t socket, IoRequest& request, void* buffer, uint64_t length) {
     prepare(request, IoKind::receive, buffer, length);
@@ -77,7 +79,7 @@ uint32_t start_accept(uint64_t listener, IoRequest& request, uint64_t accept_soc
     const PinnedHandle object(listener, HandleKind::socket);
     if (!object) return error::not_a_socket;
     make_nonblocking(object->descriptor());
-    return object->port_binding()->start_input(request);
+    return object->port_binding()->start_input(object->descriptor(), request);
 }
 
 uint32_t start_connect(uint64_t socket, IoRequest& request, const void* address, int32_t address_length) {
@@ -91,16 +93,14 @@ uint32_t start_read_file(void* file, IoRequest& request, void* buffer, uint64_t 
     const PinnedHandle object(file, HandleKind::file);
     if (!object) return start_receive(reinterpret_cast<uint64_t>(file), request, buffer, length);
     prepare(request, IoKind::read_file, buffer, length);
-    PortBinding* binding = object->port_binding();
-    return binding ? binding->start_input(request) : error::invalid_parameter;
+    return object->port_binding()->start_input(object->descriptor(), request);
 }
 
 uint32_t start_write_file(void* file, IoRequest& request, const void* data, uint64_t length) {
     const PinnedHandle object(file, HandleKind::file);
     if (!object) return start_send(reinterpret_cast<uint64_t>(file), request, data, length);
     prepare(request, IoKind::write_file, data, length);
-    PortBinding* binding = object->port_binding();
-    return binding ? binding->start_output(request) : error::invalid_parameter;
+    return object->port_binding()->start_output(object->descriptor(), request);
 }
 
 } // namespace vel::os

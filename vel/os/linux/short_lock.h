@@ -28,6 +28,9 @@ public:
         if (state_.exchange(free_, std::memory_order_release) == held_with_sleepers) wake_one();
     }
 
+    /// A glance without taking it.
+    bool is_free() const { return state_.load(std::memory_order_acquire) == free_; }
+
 private:
     static constexpr uint32_t free_ = 0;
     static constexpr uint32_t held = 1;

@@ -15,7 +15,7 @@ namespace vel::os {
 bool SocketObject::is_stream() const { return type == SOCK_STREAM; }
 
 void SocketObject::detach() {
-    port.detach();
+    port->detach();
     notices.close();
     closing_.store(true);
     // Only when somebody sleeps in there: a shutdown that nobody needs would end an abortive close in good order and
@@ -36,7 +36,7 @@ bool is_transient_accept_error(int error_number) { return error_number == ECONNA
 
 uint32_t adopt_socket(int descriptor, int family, int type, uint64_t& socket) {
     std::unique_ptr<SocketObject> object(new (std::nothrow) SocketObject(family, type));
-    if (!object) {
+    if (!object || !object->port) {
         ::close(descriptor);
         return error::no_buffer_space;
     }

@@ -18,14 +18,14 @@ public:
 
     /// Lets the port and the sink of notices drop the socket, then wakes the calls that block on it.
     void detach() override;
-    PortBinding* port_binding() override { return &port; }
+    PortBinding* port_binding() override { return port.get(); }
 
     bool is_stream() const;
 
     const int family;
     const int type;                       // without creation flags
     std::atomic<bool> nonblocking{false}; // the mode its user has asked for
-    PortBinding port;
+    const PortBinding::Owner port = PortBinding::make(true);
     SocketNotices notices;
 
 private:
