@@ -62,10 +62,6 @@ void VEL_Byte_Block::reset() {
 
 VEL_Byte_Block VEL_Byte_Block::clone() const { return VEL_Byte_Block(size_, data_); }
 
-bool VEL_Byte_Block::operator==(const VEL_Byte_Block& other) const {
-    return size_ == other.size_ && counter_ == other.counter_ && data_ == other.data_;
-}
-
 /// Joins the other's group; this handle is null before.
 void VEL_Byte_Block::share(const VEL_Byte_Block& other) {
     counter_ = other.counter_;

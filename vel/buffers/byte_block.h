@@ -70,7 +70,9 @@ public:
     operator void*() const { return data_; }
 
     /// Equal when both share one buffer (or both are null); the offsets are not compared.
-    bool operator==(const VEL_Byte_Block& other) const;
+    bool operator==(const VEL_Byte_Block& other) const {
+        return size_ == other.size_ && counter_ == other.counter_ && data_ == other.data_;
+    }
     bool operator!=(const VEL_Byte_Block& other) const { return !(*this == other); }
 
 private:

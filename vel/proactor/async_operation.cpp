@@ -2,6 +2,7 @@
 #include <vel/proactor/async_operation.h>
 
 #include <vel/frame/fail.h>
+#include <vel/os/completion_port.h>
 #include <vel/proactor/held_handler.h>
 
 constinit thread_local vel::HeldHandler* vel::HeldHandler::innermost_ = nullptr;
@@ -16,6 +17,7 @@ VEL_Async_Operation::VEL_Async_Operation(VEL_Proactor* proactor, uint32_t comple
       handler_(handler),
       proactor_(proactor),
       code_(code) {
+    vel::os::aim(*this, handle);
     if (handler_ != nullptr) handler_->addref();
 }
 
@@ -28,6 +30,7 @@ void VEL_Async_Operation::set(VEL_Proactor* proactor, uint32_t completion_key, v
     clear_overlapped();
     completion_key_ = completion_key;
     handle_ = handle;
+    vel::os::aim(*this, handle);
     proactor_ = proactor;
     VEL_Async_Handler* former = handler_;
     handler_ = handler;

@@ -37,10 +37,7 @@ int VEL_Async_SOCK_Stream::recv(VEL_Byte_Block& block, size_t length) {
 }
 
 int VEL_Async_SOCK_Stream::recv(VEL_Async_SOCK_Read_Stream* op, size_t length) {
-    return socket_.restart([&] {
-        VEL_Byte_Block block = op->read_block();
-        return op->read(block, length, 0);
-    });
+    return socket_.restart([&] { return op->restart(length); });
 }
 
 int VEL_Async_SOCK_Stream::send(const VEL_Byte_Block& block, size_t length) {
@@ -49,7 +46,7 @@ int VEL_Async_SOCK_Stream::send(const VEL_Byte_Block& block, size_t length) {
 }
 
 int VEL_Async_SOCK_Stream::send(VEL_Async_SOCK_Write_Stream* op, size_t length) {
-    return socket_.restart([&] { return op->write(op->write_block(), length, 0); });
+    return socket_.restart([&] { return op->write(op->block_, length, 0); });
 }
 
 int VEL_Async_SOCK_Stream::get_local_addr(VEL_INET_Addr& addr) { return socket_.local_addr(addr); }

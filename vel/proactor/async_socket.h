@@ -57,10 +57,10 @@ public:
     /// @param no_timer_close  do not call it for the timer
     void close(bool no_close, bool no_timer_close);
 
-    /// Runs `start()` under the lock if the socket is open; for operations that are started again.
+    /// Runs `start()` if the socket is open; for operations that are started again. Needs no lock: an operation is aimed
+    /// at one handle and fails once that is closed, whatever its number stands for by then.
     template <class Start>
     int restart(Start start) {
-        VEL_Guard guard(lock_);
         return check_open() < 0 ? -1 : start();
     }
 

@@ -18,6 +18,10 @@ public:
     int completion(size_t bytes, uint32_t error) override;
 
 private:
+    friend class VEL_Async_SOCK_Stream;
+
+    int restart(size_t size);
+
     VEL_Byte_Block block_;
     size_t bytes_ = 0;
 };
@@ -37,6 +41,8 @@ public:
     int completion(size_t bytes, uint32_t error) override;
 
 private:
+    friend class VEL_Async_SOCK_Stream;
+
     VEL_Byte_Block block_;
     size_t bytes_ = 0;
 };

@@ -159,6 +159,7 @@ int VEL_Async_Operation::open(VEL_Proactor* proactor, uint32_t completion_key) {
     if (handle == VEL_INVALID_HANDLE) return -1;
     completion_key_ = completion_key;
     handle_ = handle;
+    vel::os::aim(*this, handle);
     proactor_ = proactor;
     VEL_Async_Handler* former = handler_;
     handler_ = handler;
