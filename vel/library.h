@@ -21,7 +21,8 @@ namespace VELLib {
 VEL_API int initialize();
 
 /// Counts one start off. The last one ends the library's threads and destroys its single instances, a manager of
-/// threads among them, and waits for that; memory may still be freed afterwards. One too many is ignored.
+/// threads among them, and waits for that, so it is no business of one of those threads; memory may still be freed
+/// afterwards. One too many is ignored.
 VEL_API void uninitialize();
 
 /// Whether there is a start that was not yet counted off.

@@ -24,7 +24,8 @@ struct ArchiveStream;
 ///            0x2000000D, 0x2000000E, 0x20000010  an element of the wrong type, with a wrong length, or missing
 ///            0x2000000F  the element sizes do not add up to the body, or a socket ended within a message
 ///            0x20000011  no message header, or a kind that the factory does not make
-///            0x20000004  elements announced in an empty body;  8  out of memory
+///            0x20000004  elements announced in an empty body, or written where only the header has room
+///            8           out of memory
 /// Limits:    a packed message has at most 2^31 - 1 bytes. An incoming body may claim up to 2^32 - 1; one of 2 GiB or
 ///            more is taken in pieces only.
 ///
