@@ -69,7 +69,8 @@ protected:
     void log_file(const SYSTEMTIME& time, const char* line);
 
 private:
-    void write_line(uint32_t kind, const char* file, int line, const char* format, va_list arguments);
+    void write_line(uint32_t kind, const char* file, int line, const char* format, va_list arguments)
+        __attribute__((format(printf, 5, 0)));
     void* open(const SYSTEMTIME& time) VEL_REQUIRES(mutex_);
     const char* get_log_dir_internal() VEL_REQUIRES(mutex_);
     void close_file() VEL_REQUIRES(mutex_);

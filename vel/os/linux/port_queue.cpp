@@ -47,7 +47,7 @@ struct PortQueue::RunningFor {
 
 // The thread's note for the port, or one to write it down in.
 PortQueue::RunningFor& PortQueue::note_of_thread(uint64_t port) {
-    static constinit thread_local RunningFor notes[4] __attribute__((tls_model("initial-exec")));
+    static constinit thread_local RunningFor notes[4] __attribute__((tls_model("initial-exec"))) = {};
     for (RunningFor& each : notes)
         if (each.port == port) return each;
     for (RunningFor& each : notes)
