@@ -154,6 +154,7 @@ private:
     int set_timer(VEL_Async_Handler* handler, uint32_t interval_ms, std::atomic<int32_t>& timer_id);
     uint32_t calc_timeout();
     int dispatch_timer();
+    bool restart(const TimerQueue::Period& timer, uint64_t& now_ms) VEL_REQUIRES(lock_);
     int run_timers(uint32_t timeout_ms, bool& owner);
     bool acquire_timer();
     void release_timer();

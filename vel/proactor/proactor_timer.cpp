@@ -110,23 +110,35 @@ uint32_t VEL_Proactor::calc_timeout() {
 int VEL_Proactor::dispatch_timer() {
     VEL_Guard guard(lock_);
     if (timer_queue_ == nullptr) return 0;
+    uint64_t now_ms = 0;
     int dispatched = 0;
     int32_t began_with = 0;
     TimerQueue::Period timer;
-    while (!closing_ && timer_queue_->next_due(os::tick_ms64(), began_with, timer)) {
+    for (; !closing_ && timer_queue_->next_due(os::tick_ms64, now_ms, began_with, timer); ++dispatched) {
         timer.handler->addref();
         guard.unlock();
-        uint32_t interval_ms = timer.interval;
-        const int result = timer.handler->handle_timeout(timer.timer_id, interval_ms, this);
-        if (result < 0) cancel_timer(timer.timer_id, false);
+        const int result = timer.handler->handle_timeout(timer.timer_id, timer.interval, this);
+        if (result < 0) {
+            cancel_timer(timer.timer_id, false);
+        } else {
+            guard.lock();
+            if (restart(timer, now_ms)) continue;
+            guard.unlock(); // it was cancelled meanwhile, so this may be the last reference
+        }
         timer.handler->release();
         guard.lock();
-        ++dispatched;
-        // No ring: the one who would hear it is this thread, which looks again anyway.
-        bool sooner = false;
-        if (result >= 0 && timer_queue_) timer_queue_->reschedule(timer.timer_id, interval_ms, os::tick_ms64(), sooner);
     }
     return dispatched;
+}
+
+/// Starts a timer anew after its call, whose reference goes here, since the timer has another one. False if it has
+/// ended.
+bool VEL_Proactor::restart(const TimerQueue::Period& timer, uint64_t& now_ms) {
+    now_ms = os::tick_ms64();
+    bool sooner = false;
+    if (!timer_queue_ || !timer_queue_->reschedule(timer.timer_id, timer.interval, now_ms, sooner)) return false;
+    timer.handler->release(); // and no ring: the one who would hear it is this thread, which looks again anyway
+    return true;
 }
 
 bool VEL_Proactor::acquire_timer() {

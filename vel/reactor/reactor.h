@@ -127,6 +127,7 @@ private:
     void release_timer();
     uint32_t calc_timeout();
     int dispatch_timer();
+    bool restart(const TimerQueue::Period& timer, uint64_t& now_ms) VEL_REQUIRES(lock_);
     uint32_t until_first_timer() const;
     void timers_changed(bool sooner) VEL_REQUIRES(lock_);
 

@@ -63,9 +63,12 @@ void VEL_Reactor::close_timers() {
     }
 }
 
+/// The first timer's tick before the look at the flag: see calc_timeout. Only a sooner one needs that order.
 void VEL_Reactor::timers_changed(bool sooner) {
-    first_due_ms_ = timers_->deadline_ms(); // before the look at the flag: see calc_timeout
-    if (sooner && timer_waits_) wakeup();
+    const uint64_t due_ms = timers_->deadline_ms();
+    if (!sooner) return first_due_ms_.store(due_ms, std::memory_order_release);
+    first_due_ms_ = due_ms;
+    if (timer_waits_) wakeup();
 }
 
 bool VEL_Reactor::acquire_timer() { return !timer_role_.exchange(true); }
@@ -89,27 +92,39 @@ uint32_t VEL_Reactor::until_first_timer() const {
     return due_ms <= now_ms ? 0 : static_cast<uint32_t>(std::min<uint64_t>(due_ms - now_ms, VEL_INFINITE - 1));
 }
 
+/// One pass over the timers that are due.
 int VEL_Reactor::dispatch_timer() {
     timer_waits_.store(false, std::memory_order_release);
-    if (until_first_timer() > 0) return 0;
+    uint64_t now_ms = os::tick_ms64();
+    if (first_due_ms_ > now_ms) return 0;
     VEL_Guard guard(lock_);
     int dispatched = 0;
     int32_t began_with = 0;
     TimerQueue::Period timer;
-    while (timers_->next_due(os::tick_ms64(), began_with, timer)) {
+    for (; timers_->next_due(os::tick_ms64, now_ms, began_with, timer); ++dispatched) {
         timer.handler->addref();
         guard.unlock();
-        uint32_t interval_ms = timer.interval;
-        const int result = timer.handler->handle_timeout(timer.timer_id, interval_ms, this);
-        if (result < 0) cancel_timer(timer.timer_id, false);
-        guard.lock();
-        bool sooner = false;
-        if (result >= 0 && timers_->reschedule(timer.timer_id, interval_ms, os::tick_ms64(), sooner))
-            timers_changed(sooner);
-        guard.unlock();
+        const int result = timer.handler->handle_timeout(timer.timer_id, timer.interval, this);
+        if (result < 0) {
+            cancel_timer(timer.timer_id, false);
+        } else {
+            guard.lock();
+            if (restart(timer, now_ms)) continue;
+            guard.unlock(); // it was cancelled meanwhile, so this may be the last reference
+        }
         timer.handler->release();
         guard.lock();
-        ++dispatched;
     }
     return dispatched;
+}
+
+/// Starts a timer anew after its call, whose reference goes here, since the timer has another one. False if it has
+/// ended.
+bool VEL_Reactor::restart(const TimerQueue::Period& timer, uint64_t& now_ms) {
+    now_ms = os::tick_ms64();
+    bool sooner = false;
+    if (!timers_->reschedule(timer.timer_id, timer.interval, now_ms, sooner)) return false;
+    timers_changed(sooner);
+    timer.handler->release();
+    return true;
 }

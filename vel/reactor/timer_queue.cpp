@@ -1,4 +1,4 @@
-// The engine of the timer queue: an indexed 4-ary heap over pooled nodes and a hash from id to node.
+// The engine of the timer queue: a 4-ary heap of runs of pooled nodes, and a hash from id to node.
 #include <vel/reactor/timer_queue.h>
 
 #include <algorithm>
@@ -25,10 +25,10 @@ int32_t TimerEngine::schedule(void* handler, uint32_t interval_ms, uint64_t now_
     node.next = head;
     head = fresh;
 
-    const Entry entry{now_ms + interval_ms, next_sequence_++, fresh};
-    sooner = entry.deadline < deadline_ms();
-    heap_.push_back(entry);
-    sift_up(heap_.size() - 1, entry);
+    const uint64_t deadline = now_ms + interval_ms;
+    sooner = deadline < deadline_ms();
+    enter(fresh, deadline);
+    ++size_;
     return id;
 }
 
@@ -44,18 +44,18 @@ bool TimerEngine::reschedule(int32_t id, uint32_t interval_ms, uint64_t now_ms, 
     sooner = false;
     const uint32_t found = find(id);
     if (found == none) return false;
-    Node& node = nodes_[found];
-    node.timer.interval = interval_ms;
-    node.timer.start = static_cast<uint32_t>(now_ms);
-    const Entry entry{now_ms + interval_ms, next_sequence_++, found};
-    sooner = entry.deadline < deadline_ms();
-    reposition(node.place, entry);
+    const uint64_t deadline = now_ms + interval_ms;
+    sooner = deadline < deadline_ms();
+    leave(found);
+    nodes_[found].timer.interval = interval_ms;
+    nodes_[found].timer.start = static_cast<uint32_t>(now_ms);
+    enter(found, deadline);
     return true;
 }
 
 bool TimerEngine::next_due(uint64_t now_ms, int32_t& began_with, Timer& timer) const {
     if (deadline_ms() > now_ms) return false;
-    timer = nodes_[heap_.front().node].timer;
+    timer = nodes_[heap_.front().first].timer;
     if (timer.id == began_with) return false;
     if (!contains(began_with)) began_with = timer.id; // also the first of all: no timer has id 0
     return true;
@@ -63,7 +63,7 @@ bool TimerEngine::next_due(uint64_t now_ms, int32_t& began_with, Timer& timer) c
 
 bool TimerEngine::take_first(Timer& timer) {
     if (heap_.empty()) return false;
-    const uint32_t node = heap_.front().node;
+    const uint32_t node = heap_.front().first;
     timer = nodes_[node].timer;
     remove(node);
     return true;
@@ -81,11 +81,12 @@ int32_t TimerEngine::next_id() {
     return last_id_;
 }
 
-// Room for one more timer in all three containers, so that nothing fails half-way.
+// Room for one more timer in all three containers, so that nothing fails half-way. In the heap for a run of each timer,
+// since rescheduling can take every run apart.
 bool TimerEngine::make_room() {
     try {
-        if (heap_.size() == heap_.capacity()) heap_.reserve(std::max(first_buckets, heap_.capacity() * 2));
-        if (heap_.size() >= buckets_.size()) rehash(std::max(first_buckets, buckets_.size() * 2));
+        if (size_ >= heap_.capacity()) heap_.reserve(std::max(first_buckets, heap_.capacity() * 2));
+        if (size_ >= buckets_.size()) rehash(std::max(first_buckets, buckets_.size() * 2));
         if (free_ == none) {
             nodes_.push_back({});
             nodes_.back().next = none;
@@ -97,8 +98,12 @@ bool TimerEngine::make_room() {
     }
 }
 
-// Multiplies by the golden ratio, so that ids in any regular pattern spread.
-size_t TimerEngine::bucket(int32_t id) const { return (static_cast<uint32_t>(id) * 0x9E3779B9u) >> bucket_shift_; }
+// Ids in any regular pattern spread: sixteen that follow each other over one cache line, and the golden ratio gives
+// them theirs.
+size_t TimerEngine::bucket(int32_t id) const {
+    const uint32_t number = static_cast<uint32_t>(id);
+    return (((number / 16) * 0x9E3779B9u) >> bucket_shift_) ^ (number % 16);
+}
 
 // Where an id came round again, the timer that is first in the queue is meant.
 uint32_t TimerEngine::find(int32_t id) const {
@@ -106,9 +111,21 @@ uint32_t TimerEngine::find(int32_t id) const {
     uint32_t found = none;
     for (uint32_t node = buckets_[bucket(id)]; node != none; node = nodes_[node].next) {
         if (nodes_[node].timer.id != id) continue;
-        if (found == none || heap_[nodes_[node].place] < heap_[nodes_[found].place]) found = node;
+        if (found == none || expires_before(node, found)) found = node;
     }
     return found;
+}
+
+// Walks to the front of both runs: that is for the rare case that two timers share an id.
+bool TimerEngine::expires_before(uint32_t node, uint32_t other) const {
+    const auto first_of = [this](uint32_t at, uint32_t stop) {
+        while (at != stop && nodes_[at].before != none) at = nodes_[at].before;
+        return at;
+    };
+    const uint32_t first = first_of(node, none);
+    const uint32_t other_first = first_of(other, node);
+    if (other_first == node) return true; // it stands on the way
+    return first != other_first && heap_[nodes_[first].place] < heap_[nodes_[other_first].place];
 }
 
 void TimerEngine::rehash(size_t count) {
@@ -116,11 +133,12 @@ void TimerEngine::rehash(size_t count) {
     buckets_.swap(fresh);
     bucket_shift_ = 32;
     for (size_t width = count; width > 1; width /= 2) --bucket_shift_;
-    for (const Entry& entry : heap_) {
-        Node& node = nodes_[entry.node];
-        uint32_t& head = buckets_[bucket(node.timer.id)];
-        node.next = head;
-        head = entry.node;
+    for (const Run& run : heap_) {
+        for (uint32_t node = run.first; node != none; node = nodes_[node].after) {
+            uint32_t& head = buckets_[bucket(nodes_[node].timer.id)];
+            nodes_[node].next = head;
+            head = node;
+        }
     }
 }
 
@@ -130,51 +148,85 @@ void TimerEngine::unlink(uint32_t node) {
     *link = nodes_[node].next;
 }
 
-void TimerEngine::remove(uint32_t node) {
-    unlink(node);
-    const size_t index = nodes_[node].place;
-    nodes_[node].next = free_;
-    free_ = node;
-    const Entry last = heap_.back();
+// Puts a node behind all of its deadline, into the newest run of that or into one of its own.
+void TimerEngine::enter(uint32_t node, uint64_t deadline) {
+    Recent& newest = recent(deadline);
+    const bool grows = newest.last != none && newest.deadline == deadline;
+    nodes_[node].before = grows ? newest.last : none;
+    nodes_[node].after = none;
+    if (grows) nodes_[newest.last].after = node;
+    newest = {deadline, node};
+    if (grows) return;
+    const Run run{deadline, next_sequence_++, node};
+    heap_.push_back(run);
+    sift_up(heap_.size() - 1, run);
+}
+
+// The run's sequence number stays when its first timer leaves: other runs of its deadline are wholly before or behind.
+void TimerEngine::leave(uint32_t node) {
+    const Node& leaving = nodes_[node];
+    const uint32_t before = leaving.before;
+    const uint32_t after = leaving.after;
+    Recent& newest = recent(leaving.timer.start + leaving.timer.interval);
+    if (newest.last == node) newest.last = before;
+    if (after != none) nodes_[after].before = before;
+    if (before != none)
+        nodes_[before].after = after;
+    else if (after != none)
+        place(leaving.place, {heap_[leaving.place].deadline, heap_[leaving.place].sequence, after});
+    else
+        remove_run(leaving.place);
+}
+
+void TimerEngine::remove_run(size_t index) {
+    const Run last = heap_.back();
     heap_.pop_back();
     if (index < heap_.size()) reposition(index, last);
 }
 
-void TimerEngine::place(size_t index, const Entry& entry) {
-    heap_[index] = entry;
-    nodes_[entry.node].place = static_cast<uint32_t>(index);
+void TimerEngine::remove(uint32_t node) {
+    unlink(node);
+    leave(node);
+    nodes_[node].next = free_;
+    free_ = node;
+    --size_;
 }
 
-// Puts an entry into the gap at `index`, upwards or downwards from there.
-void TimerEngine::reposition(size_t index, const Entry& entry) {
-    if (index > 0 && entry < heap_[(index - 1) / arity])
-        sift_up(index, entry);
+void TimerEngine::place(size_t index, const Run& run) {
+    heap_[index] = run;
+    nodes_[run.first].place = static_cast<uint32_t>(index);
+}
+
+// Puts a run into the gap at `index`, upwards or downwards from there.
+void TimerEngine::reposition(size_t index, const Run& run) {
+    if (index > 0 && run < heap_[(index - 1) / arity])
+        sift_up(index, run);
     else
-        sift_down(index, entry);
+        sift_down(index, run);
 }
 
-void TimerEngine::sift_up(size_t index, const Entry& entry) {
+void TimerEngine::sift_up(size_t index, const Run& run) {
     while (index > 0) {
         const size_t parent = (index - 1) / arity;
-        if (!(entry < heap_[parent])) break;
+        if (!(run < heap_[parent])) break;
         place(index, heap_[parent]);
         index = parent;
     }
-    place(index, entry);
+    place(index, run);
 }
 
-void TimerEngine::sift_down(size_t index, const Entry& entry) {
+void TimerEngine::sift_down(size_t index, const Run& run) {
     for (;;) {
         const size_t first = index * arity + 1;
         if (first >= heap_.size()) break;
         const auto begin = heap_.begin() + static_cast<std::ptrdiff_t>(first);
         const auto end = heap_.begin() + static_cast<std::ptrdiff_t>(std::min(first + arity, heap_.size()));
         const auto least = std::min_element(begin, end);
-        if (!(*least < entry)) break;
+        if (!(*least < run)) break;
         place(index, *least);
         index = static_cast<size_t>(least - heap_.begin());
     }
-    place(index, entry);
+    place(index, run);
 }
 
 } // namespace vel

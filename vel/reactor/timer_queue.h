@@ -1,6 +1,7 @@
 // Timers in order of expiry, shared by the reactor and the proactor.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -10,9 +11,10 @@ namespace vel {
 
 /// The engine behind VEL_Timer_Queue: it knows handlers only as addresses.
 ///
-/// Invariants: `heap_` is a 4-ary heap over (deadline, sequence); a live node knows its place in it; each live node
-/// is linked in the bucket of its id. Every scheduling takes a fresh sequence number, so equal deadlines keep the
-/// order in which they were scheduled.
+/// Invariants: timers of one deadline that were scheduled one after the other stand in one run, a list; `heap_` is a
+/// 4-ary heap of runs over (deadline, sequence), and the first of a run knows its place in it. Only the newest run of a
+/// deadline grows, and a new run takes a fresh sequence number, so equal deadlines keep the order in which they were
+/// scheduled. Each live node is linked in the bucket of its id.
 class VEL_API TimerEngine {
 public:
     struct Timer {
@@ -32,44 +34,59 @@ public:
 
     uint64_t deadline_ms() const { return heap_.empty() ? UINT64_MAX : heap_.front().deadline; }
     uint32_t wait_ms(uint64_t now_ms) const;
-    size_t size() const { return heap_.size(); }
+    size_t size() const { return size_; }
     void set_last_id_for_test(int32_t last_id) { last_id_ = last_id; }
 
 private:
     static constexpr uint32_t none = UINT32_MAX;
 
-    struct Entry {
+    struct Run {
         uint64_t deadline;
         uint64_t sequence;
-        uint32_t node;
-        bool operator<(const Entry& other) const {
+        uint32_t first;
+        bool operator<(const Run& other) const {
             return deadline != other.deadline ? deadline < other.deadline : sequence < other.sequence;
         }
     };
 
     struct Node {
         Timer timer;
-        uint32_t place; // index in heap_ while the node is live
-        uint32_t next;  // neighbour in its bucket, or in the list of free nodes
+        uint32_t place;  // of its run in heap_ while it is the first
+        uint32_t before; // neighbours in its run
+        uint32_t after;
+        uint32_t next; // neighbour in its bucket, or in the list of free nodes
+    };
+
+    /// A run that can grow, known by its last timer.
+    struct Recent {
+        uint64_t deadline = 0;
+        uint32_t last = none;
     };
 
     int32_t next_id();
     bool make_room();
     size_t bucket(int32_t id) const;
     uint32_t find(int32_t id) const;
+    bool expires_before(uint32_t node, uint32_t other) const;
     void rehash(size_t buckets);
     void unlink(uint32_t node);
-    void place(size_t index, const Entry& entry);
-    void sift_up(size_t index, const Entry& entry);
-    void sift_down(size_t index, const Entry& entry);
-    void reposition(size_t index, const Entry& entry);
+    Recent& recent(uint64_t deadline) { return recent_[deadline % recent_.size()]; }
+    void enter(uint32_t node, uint64_t deadline);
+    void leave(uint32_t node);
     void remove(uint32_t node);
+    void remove_run(size_t index);
+    void place(size_t index, const Run& run);
+    void sift_up(size_t index, const Run& run);
+    void sift_down(size_t index, const Run& run);
+    void reposition(size_t index, const Run& run);
 
-    std::vector<Entry> heap_;
+    std::vector<Run> heap_;
     std::vector<Node> nodes_;       // pooled; never shrinks
     std::vector<uint32_t> buckets_; // power of two; first node of each
-    uint32_t free_ = none;          // first free node
-    uint32_t bucket_shift_ = 32;    // 32 minus the binary logarithm of the number of buckets
+    std::array<Recent, 16> recent_; // the newest run of a deadline, if a younger deadline has not taken its place
+    size_t size_ = 0;
+    uint32_t free_ = none;       // first free node
+    uint32_t bucket_shift_ = 32; // 32 minus the binary logarithm of the number of buckets
     uint64_t next_sequence_ = 0;
     int32_t last_id_ = 0;
 };
@@ -133,9 +150,13 @@ public:
     /// reschedules or cancels each. Its guard against timers that are due again at once is deliberate as it stands: it
     /// ends where the timer that it began with comes round. Another one with a short interval runs until then, and the
     /// place of one that has ended goes to the timer at hand.
+    /// @param clock       tells the time; it is asked only where `now_ms` leaves open whether the first timer is due
+    /// @param now_ms      what the clock said last, brought up to date
     /// @param began_with  the pass's own, 0 at its start
-    bool next_due(uint64_t now_ms, int32_t& began_with, Period& period) const {
+    template <class Clock>
+    bool next_due(Clock clock, uint64_t& now_ms, int32_t& began_with, Period& period) const {
         vel::TimerEngine::Timer timer;
+        if (deadline_ms() > now_ms) now_ms = clock();
         return engine_.next_due(now_ms, began_with, timer) && fill(period, timer);
     }
 
