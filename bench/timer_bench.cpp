@@ -1,17 +1,20 @@
 // Timers of proactor and reactor against Asio, libuv and libevent: schedule and cancel, schedule and fire, among live
 // timers.
 //
-// The live timers are due in one to two hours. VEL's queue is ordered by contract, locked and counted; the peers' are
-// used from their loop's thread alone.
+// The live timers are due in one to two hours. VEL's queue is ordered by contract, locked and counted. In schedule_fire
+// everybody schedules on the thread that fires, as a server does in its callbacks; that one is the proactor's own, so
+// there the last shot of a round schedules the next round. In schedule_fire_elsewhere one thread schedules while the
+// loop of another fires; of the peers only Asio allows it.
 #include <asio.hpp>
 #include <atomic>
 #include <benchmark/benchmark.h>
 #include <event2/event.h>
-#include <future>
 #include <map>
 #include <memory>
 #include <random>
+#include <semaphore>
 #include <string>
+#include <thread>
 #include <uv.h>
 #include <vector>
 #include <vel/vel.h>
@@ -19,6 +22,7 @@
 namespace {
 
 constexpr int fired_per_round = 1000;
+constexpr int rounds = 20; // so many that the proactor's change of threads before and after them does not count
 
 class Far {
 public:
@@ -41,20 +45,36 @@ public:
 
     void schedule_and_cancel() { proactor_.cancel_timer(proactor_.schedule_timer(handler_, far_.next_ms()), true); }
 
-    void schedule_and_fire() {
-        std::promise<void> done;
+    void schedule_and_fire(int count) {
+        handler_->left = 1;
+        handler_->rounds = count;
+        proactor_.schedule_timer(handler_, 0);
+        handler_->done.acquire();
+    }
+
+    void run() {} // its timer thread does
+    void stop() {}
+
+    void schedule_elsewhere() {
         handler_->left = fired_per_round;
-        handler_->done = &done;
         for (int i = 0; i < fired_per_round; ++i) proactor_.schedule_timer(handler_, 0);
-        done.get_future().wait();
+        handler_->done.acquire();
     }
 
 private:
     struct Handler : VEL_Async_Handler_Impl<VEL_Reference_Counter_Global_Sync> {
-        std::atomic<int> left{0};
-        std::promise<void>* done = nullptr;
-        int handle_timeout(int32_t, uint32_t&, VEL_Proactor*) override {
-            if (left.fetch_sub(1) == 1) done->set_value();
+        int left = 0; // shots of this round
+        int rounds = 0;
+        std::binary_semaphore done{0};
+        int handle_timeout(int32_t, uint32_t&, VEL_Proactor* proactor) override {
+            if (--left > 0) return -1;
+            if (rounds == 0) {
+                done.release();
+                return -1;
+            }
+            --rounds;
+            left = fired_per_round;
+            for (int i = 0; i < fired_per_round; ++i) proactor->schedule_timer(this, 0);
             return -1;
         }
     };
@@ -83,17 +103,39 @@ public:
         while (handler_->fired < fired_per_round) reactor_.handle_event(VEL_INFINITE);
     }
 
+    void run() {
+        handler_->tells = true;
+        while (!stopped_) reactor_.handle_event(VEL_INFINITE);
+        handler_->tells = false;
+        stopped_ = false;
+    }
+
+    void stop() {
+        handler_->fired = 0;
+        stopped_ = true;
+        reactor_.schedule_timer(handler_, 0);
+    }
+
+    void schedule_elsewhere() {
+        handler_->fired = 0;
+        for (int i = 0; i < fired_per_round; ++i) reactor_.schedule_timer(handler_, 0);
+        handler_->done.acquire();
+    }
+
 private:
     struct Handler : VEL_Event_Handler_Impl<VEL_Reference_Counter_Global_Sync> {
         int fired = 0;
+        bool tells = false; // the scheduling thread waits
+        std::binary_semaphore done{0};
         int handle_timeout(int32_t, uint32_t&, VEL_Reactor*) override {
-            ++fired;
+            if (++fired == fired_per_round && tells) done.release();
             return -1;
         }
     };
 
     VEL_Reactor reactor_;
     Handler* handler_;
+    std::atomic<bool> stopped_{false};
     Far far_;
 };
 
@@ -124,11 +166,32 @@ public:
         while (fired < fired_per_round) context_.run_one();
     }
 
+    void run() {
+        context_.run();
+        context_.restart(); // from the stop
+    }
+
+    void stop() { context_.stop(); }
+
+    void schedule_elsewhere() {
+        int fired = 0;
+        std::vector<asio::steady_timer> timers;
+        timers.reserve(fired_per_round);
+        for (int i = 0; i < fired_per_round; ++i) {
+            timers.emplace_back(context_, std::chrono::milliseconds(0));
+            timers.back().async_wait([&](asio::error_code) {
+                if (++fired == fired_per_round) done_.release();
+            });
+        }
+        done_.acquire();
+    }
+
 private:
     asio::io_context context_{1};
     asio::executor_work_guard<asio::io_context::executor_type> work_{context_.get_executor()}; // or it stops when idle
     asio::steady_timer timer_{context_};
     std::vector<std::unique_ptr<asio::steady_timer>> live_;
+    std::binary_semaphore done_{0};
     Far far_;
 };
 
@@ -237,26 +300,48 @@ void schedule_cancel(benchmark::State& state) {
 }
 
 template <class Timers>
+void fire_rounds(Timers& timers) {
+    for (int round = 0; round < rounds; ++round) timers.schedule_and_fire();
+}
+
+void fire_rounds(VelTimers& timers) { timers.schedule_and_fire(rounds); }
+
+template <class Timers>
 void schedule_fire(benchmark::State& state) {
     auto& timers = with_live<Timers>(state.range(0));
     for (auto round : state) {
         (void)round;
-        timers.schedule_and_fire();
+        fire_rounds(timers);
     }
-    state.SetItemsProcessed(state.iterations() * fired_per_round);
+    state.SetItemsProcessed(state.iterations() * rounds * fired_per_round);
 }
 
 template <class Timers>
-void add(const std::string& name) {
-    for (const int64_t live : {1, 1000, 100'000}) {
-        benchmark::RegisterBenchmark(("schedule_cancel/" + name).c_str(), schedule_cancel<Timers>)
-            ->Arg(live)
-            ->UseRealTime();
-        benchmark::RegisterBenchmark(("schedule_fire/" + name).c_str(), schedule_fire<Timers>)
-            ->Arg(live)
-            ->UseRealTime()
-            ->Unit(benchmark::kMicrosecond);
+void schedule_fire_elsewhere(benchmark::State& state) {
+    auto& timers = with_live<Timers>(state.range(0));
+    std::thread loop([&] { timers.run(); });
+    timers.schedule_elsewhere(); // the loop runs by then
+    for (auto round : state) {
+        (void)round;
+        timers.schedule_elsewhere();
     }
+    timers.stop();
+    loop.join();
+    state.SetItemsProcessed(state.iterations() * fired_per_round);
+}
+
+using Work = void (*)(benchmark::State&);
+
+void add(const std::string& name, Work work) {
+    benchmark::RegisterBenchmark(name.c_str(), work)->Arg(1)->Arg(1000)->Arg(100'000)->UseRealTime();
+}
+
+template <class Timers>
+void add(const std::string& contender) {
+    add("schedule_cancel/" + contender, schedule_cancel<Timers>);
+    add("schedule_fire/" + contender, schedule_fire<Timers>);
+    if constexpr (requires(Timers & timers) { timers.schedule_elsewhere(); })
+        add("schedule_fire_elsewhere/" + contender, schedule_fire_elsewhere<Timers>);
 }
 
 const bool added = [] {
