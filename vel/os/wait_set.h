@@ -38,6 +38,14 @@ struct Notices {
     uint32_t close_error = 0;
 };
 
+/// A member whose turn it is to be served.
+struct Turn {
+    uint64_t key = 0; // 0 before the first and behind the last
+    Notices notices;  // what its socket had recorded
+};
+
+enum class WaitEnd { signalled, woken, timed_out };
+
 /// Sockets and events that any number of threads wait for together.
 ///
 /// Members have keys, chosen by the owner: not 0, each larger than those before it, so that the order of keys is the
@@ -59,7 +67,7 @@ public:
     virtual uint32_t bind(uint64_t key, uint64_t socket, uint32_t notices) = 0;
 
     /// Adds an event or a thread. The set never resets it: a manual-reset one stays signalled until its owner does; an
-    /// auto-reset one is taken by the wait that gives it.
+    /// auto-reset one is taken by its turn.
     virtual uint32_t add_event(uint64_t key, void* event) = 0;
 
     /// Whether a member is still open and bound here; what is not stays silent.
@@ -71,21 +79,18 @@ public:
     /// Counts the calls of `wake`. Read before what the wake-ups tell of, and given to `wait`, none of them is missed.
     virtual uint32_t generation() const = 0;
 
-    /// Waits for the first signalled member in the order of keys whose key is above `after` (0: of all). A socket that
-    /// is held is not signalled. Time is counted to the end: 0 looks without waiting, VEL_INFINITE waits for ever. Above
-    /// a key it is meant to look for what else is there: a longer wait may cost processor time while a member before is
-    /// signalled.
+    /// Waits until a member is signalled that no thread holds. Time is counted to the end: 0 looks without waiting,
+    /// VEL_INFINITE waits for ever.
     /// @param generation  what `generation` gave; a wait of an older one ends at once
-    /// @param key         the member, or 0 when the wait was ended by `wake`
-    /// @return 0, or 258 on time-out
-    virtual uint32_t wait(uint64_t after, uint32_t generation, uint32_t timeout_ms, uint64_t& key) = 0;
+    virtual WaitEnd wait(uint32_t generation, uint32_t timeout_ms) = 0;
 
-    /// Takes what a socket has recorded and holds the socket until `put_back`, so that one thread at a time serves it.
-    /// False when another thread holds it, or when nothing is recorded any more (then it is not held).
-    virtual bool take(uint64_t key, Notices& notices) = 0;
+    /// Goes on to the first member behind `turn.key`, in the order of keys, that is signalled by now. Key 0 starts with
+    /// what the `wait` before has found. A socket is held during its turn, so that one thread at a time serves it.
+    /// False at the end.
+    virtual bool next(Turn& turn) = 0;
 
-    /// Ends the hold. What was recorded meanwhile and still is true signals the socket again. Unknown keys do nothing.
-    virtual void put_back(uint64_t key) = 0;
+    /// Ends a turn before `next` does. What its socket has recorded meanwhile and still is true signals it again.
+    virtual void put_back(Turn& turn) = 0;
 
     /// Ends the waits of all threads that wait, and those of an older generation.
     virtual void wake() = 0;

@@ -46,21 +46,32 @@ protected:
         ASSERT_EQ(set_->bind(key, socket, notices), error::none);
     }
 
-    uint64_t next(uint64_t after = 0, uint32_t timeout_ms = patience_ms) {
-        uint64_t key = 0;
-        return set_->wait(after, set_->generation(), timeout_ms, key) == error::none ? key : 0;
+    bool signalled(uint32_t timeout_ms = patience_ms) {
+        return set_->wait(set_->generation(), timeout_ms) == WaitEnd::signalled;
     }
 
-    bool quiet() { return next(0, 0) == 0; }
+    bool quiet() { return !signalled(0); }
+
+    // Waits for the first turn, which is the caller's to end.
+    bool wait_for(Turn& turn) { return signalled() && set_->next(turn); }
+
+    // The key of the next turn behind a member, or of the first one, which is given back.
+    uint64_t next(uint64_t after = 0) {
+        Turn turn{after, {}};
+        if (after != 0 || signalled()) set_->next(turn);
+        const uint64_t key = turn.key;
+        set_->put_back(turn);
+        return key;
+    }
 
     // Waits for a member, which must be this one with these notices; it is given back.
     Notices expect(uint64_t key, uint32_t mask) {
-        Notices notices;
-        EXPECT_EQ(next(), key);
-        EXPECT_TRUE(set_->take(key, notices));
-        EXPECT_EQ(notices.mask, mask);
-        set_->put_back(key);
-        return notices;
+        Turn turn;
+        EXPECT_TRUE(wait_for(turn));
+        EXPECT_EQ(turn.key, key);
+        EXPECT_EQ(turn.notices.mask, mask);
+        set_->put_back(turn);
+        return turn.notices;
     }
 
     std::unique_ptr<WaitSet> set_;
@@ -76,10 +87,13 @@ TEST_F(WaitSets, GivesSignalledMembersInTheOrderOfKeys) {
     deliver(second, "b");
     EXPECT_EQ(next(3), 5u);
     expect(3, notice::read);
-    EXPECT_EQ(next(), 5u); // stays signalled
-    EXPECT_EQ(next(5), 9u);
+    Turn turn;
+    for (const uint64_t key : {5, 9}) { // the event stays signalled
+        EXPECT_TRUE(key > 5 ? set_->next(turn) : wait_for(turn));
+        EXPECT_EQ(turn.key, key);
+    }
+    EXPECT_FALSE(set_->next(turn));
     reset_event(event);
-    expect(9, notice::read);
     EXPECT_TRUE(quiet());
     set_event(event);
     close_handle(event);
@@ -94,7 +108,7 @@ TEST_F(WaitSets, AReceiveArmsReadAndASendThatBlocksArmsWrite) {
     deliver(pair, "def");
     EXPECT_TRUE(quiet()); // not armed before a receive
     EXPECT_EQ(receive_some(pair.server, 4), error::none);
-    EXPECT_EQ(next(), 1u); // a full buffer, and more is there
+    EXPECT_TRUE(signalled()); // a full buffer, and more is there
     EXPECT_EQ(receive_some(pair.server), error::none);
     EXPECT_TRUE(quiet()); // so that notice was withdrawn
     EXPECT_EQ(receive_some(pair.server), error::would_block);
@@ -182,11 +196,11 @@ TEST_F(WaitSets, BindingArmsAgainAndEndsTheBindingBefore) {
     deliver(pair, "a");
     EXPECT_TRUE(quiet()); // read is not wanted
     bind(1, pair.server, notice::read);
-    EXPECT_EQ(next(), 1u);
+    EXPECT_TRUE(signalled());
     bind(1, pair.server, 0);
     EXPECT_TRUE(quiet());
     bind(2, pair.server, notice::read);
-    EXPECT_EQ(next(), 2u);
+    EXPECT_TRUE(signalled());
     ASSERT_EQ(other->bind(7, pair.server, notice::read), error::none);
     EXPECT_TRUE(quiet());
     bind(2, pair.server, notice::read);
@@ -200,21 +214,20 @@ TEST_F(WaitSets, BindingArmsAgainAndEndsTheBindingBefore) {
 
 TEST_F(WaitSets, AHeldSocketIsNotSignalled) {
     const Pair pair = bound_pairs(1, notice::read)[0];
-    Notices notices;
+    Turn turn;
     for (const bool read_all : {false, true}) {
         deliver(pair, "a");
-        ASSERT_TRUE(next() == 1 && set_->take(1, notices));
+        ASSERT_TRUE(wait_for(turn));
         EXPECT_EQ(receive_some(pair.server), error::none);
         deliver(pair, "b");
         EXPECT_TRUE(quiet()); // fetches the edge
-        EXPECT_FALSE(set_->take(1, notices));
         EXPECT_EQ(read_all ? receive_some(pair.server) : error::none, error::none);
-        set_->put_back(1);
+        set_->put_back(turn);
         EXPECT_EQ(quiet(), read_all); // true no more
         receive_some(pair.server);
     }
     deliver(pair, "c");
-    ASSERT_TRUE(next() == 1 && set_->take(1, notices));
+    ASSERT_TRUE(wait_for(turn));
     EXPECT_EQ(receive_some(pair.server, 1), error::none);
     deliver(pair, "d");
     std::atomic<uint32_t> id{0};
@@ -226,7 +239,7 @@ TEST_F(WaitSets, AHeldSocketIsNotSignalled) {
     });
     while (id == 0) std::this_thread::yield();
     EXPECT_TRUE(comes_to_sleep_in(id, {SYS_epoll_pwait2}));
-    set_->put_back(1);
+    EXPECT_FALSE(set_->next(turn));
     EXPECT_TRUE(freed.reaches(1, soon_ms));
 }
 
@@ -252,9 +265,7 @@ TEST_F(WaitSets, AWakeFreesEveryWaiterOnceAndIsNeverMissed) {
     Tally returns;
     const auto waiters = crew(threads, [&](int) {
         for (uint32_t seen = 0; seen < rounds && !HasFailure(); ++seen) {
-            uint64_t key = 99;
-            EXPECT_EQ(set_->wait(0, seen, patience_ms, key), error::none);
-            EXPECT_EQ(key, 0u);
+            EXPECT_EQ(set_->wait(seen, patience_ms), WaitEnd::woken);
             EXPECT_GT(set_->generation(), seen);
             returns.add();
         }
@@ -272,14 +283,13 @@ TEST_F(WaitSets, EverySignalFreesAnotherThread) {
     Tally serving;
     for (int round = 1; round <= 20 && !HasFailure(); ++round) {
         const auto threads = crew(count, [&](int) {
-            Notices notices;
-            uint64_t key = next();
-            while (key != 0 && !set_->take(key, notices)) key = next();
-            if (key == 0) return ADD_FAILURE() << "not freed in round " << round;
+            Turn turn;
+            while (signalled() && !set_->next(turn)) continue;
+            if (turn.key == 0) return ADD_FAILURE() << "not freed in round " << round;
             serving.add();
             EXPECT_TRUE(serving.reaches(count * round, soon_ms));
-            EXPECT_EQ(receive_some(pairs[key - 1].server), error::none);
-            set_->put_back(key);
+            EXPECT_EQ(receive_some(pairs[turn.key - 1].server), error::none);
+            set_->put_back(turn);
         });
         for (const Pair& pair : pairs) send_text(pair.client, "a");
     }
@@ -289,15 +299,14 @@ TEST_F(WaitSets, EverySignalFreesAnotherThread) {
 TEST_F(WaitSets, ThreadsThatShareTheSetLoseNothing) {
     const std::vector<Pair> pairs = bound_pairs(5, notice::read | notice::close);
     const auto threads = crew(3, [&](int) {
-        for (uint64_t key = 1, moved = 0; set_->wait(0, 0, VEL_INFINITE, key) == error::none && key != 0;) {
-            Notices notices;
-            char buffer[16];
-            if (!set_->take(key, notices)) continue;
-            const uint64_t server = pairs[key - 1].server;
-            EXPECT_EQ(receive(server, buffer, sizeof buffer, moved), error::none) << "called for nothing";
-            send(server, buffer, moved, moved);
-            set_->put_back(key);
-        }
+        while (set_->wait(0, VEL_INFINITE) == WaitEnd::signalled)
+            for (Turn turn; set_->next(turn);) {
+                uint64_t moved = 0;
+                char buffer[16];
+                const uint64_t server = pairs[turn.key - 1].server;
+                EXPECT_EQ(receive(server, buffer, sizeof buffer, moved), error::none) << "called for nothing";
+                send(server, buffer, moved, moved);
+            }
     });
     for (int trip = 0; trip < 500 && !HasFailure(); ++trip) {
         const std::string text(trip % 3 == 0 ? 32 : 5, 'x'); // twice what a server takes at once, or less
@@ -373,8 +382,8 @@ TEST_F(WaitSets, AKilledSleeperDoesNotKeepTheOthersFromGoingOn) {
     if (vel::testing::delays_signals) GTEST_SKIP() << "a killed thread is never joined";
     const auto start_sleeper = [this] {
         const auto sleep = [](void* set) {
-            uint64_t key = 0;
-            return static_cast<WaitSet*>(set)->wait(0, static_cast<WaitSet*>(set)->generation(), VEL_INFINITE, key);
+            auto* waits = static_cast<WaitSet*>(set);
+            return static_cast<uint32_t>(waits->wait(waits->generation(), VEL_INFINITE));
         };
         void* thread = nullptr;
         uint32_t id = 0, previous = 0;
@@ -400,9 +409,7 @@ TEST_F(WaitSets, AStarvedSleeperMissesNoWake) {
         return ids[thread].load();
     };
     const auto await_wake = [&](uint32_t seen) {
-        uint64_t key = 99;
-        EXPECT_EQ(set_->wait(0, seen, VEL_INFINITE, key), error::none);
-        EXPECT_EQ(key, 0u);
+        EXPECT_EQ(set_->wait(seen, VEL_INFINITE), WaitEnd::woken);
         freed.add();
     };
     const auto late = crew(1, [&](int) {

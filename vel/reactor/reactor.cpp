@@ -44,13 +44,13 @@ int VEL_Reactor::register_handler(VEL_Event_Handler* handler, void* event_handle
     end_orphan(event_handle);
     VEL_Guard guard(lock_);
     if (const uint32_t code = refusal(handler && event_handle)) return vel::report(code);
-    if (const auto slot = repository_->find(event_handle)) {
-        if (slot->is_socket) return vel::report(error::invalid_handle);
-        slot->mask |= mask;
+    if (const auto slot = repository_->find(event_handle); slot.handler) {
+        if (slot.is_socket) return vel::report(error::invalid_handle);
+        slot.mask(slot.mask() | mask);
         return 1;
     }
     const auto slot = repository_->add(event_handle, handler, false, mask);
-    return slot ? admit(*slot, wait_set_->add_event(slot->key, event_handle)) : -1;
+    return slot.handler ? admit(slot, wait_set_->add_event(slot.key, event_handle)) : -1;
 }
 
 int VEL_Reactor::register_handler(void* socket, VEL_Event_Handler* handler, uint32_t mask) {
@@ -58,17 +58,17 @@ int VEL_Reactor::register_handler(void* socket, VEL_Event_Handler* handler, uint
     VEL_Guard guard(lock_);
     const uint64_t number = socket_of(socket);
     if (const uint32_t code = refusal(handler && number != VEL_INVALID_SOCKET)) return vel::report(code);
-    if (const auto slot = repository_->find(socket)) {
-        if (!slot->is_socket) return vel::report(error::not_a_socket);
-        const uint32_t joined = slot->mask | mask;
-        if (const uint32_t code = wait_set_->bind(slot->key, number, notices_of(joined))) return vel::report(code);
-        slot->mask = joined;
+    if (const auto slot = repository_->find(socket); slot.handler) {
+        if (!slot.is_socket) return vel::report(error::not_a_socket);
+        const uint32_t joined = slot.mask() | mask;
+        if (const uint32_t code = wait_set_->bind(slot.key, number, notices_of(joined))) return vel::report(code);
+        slot.mask(joined);
         return 1;
     }
     const auto slot = repository_->add(socket, handler, true, mask);
-    if (!slot) return -1;
+    if (!slot.handler) return -1;
     const uint32_t code = vel::os::set_nonblocking(number, true);
-    return admit(*slot, code ? code : wait_set_->bind(slot->key, number, notices_of(mask)));
+    return admit(slot, code ? code : wait_set_->bind(slot.key, number, notices_of(mask)));
 }
 
 /// Why there can be no registration now, or 0. A full reactor also refuses more bits of what it has, on purpose.
@@ -88,44 +88,47 @@ int VEL_Reactor::admit(const vel::ReactorSlot& slot, uint32_t code) {
 }
 
 int VEL_Reactor::remove_handler(VEL_Event_Handler*, void* event_handle, uint32_t mask) {
-    return end_registration(event_handle, mask, nullptr);
+    return end_handle(event_handle, mask);
 }
 
-int VEL_Reactor::remove_handler(void* socket, VEL_Event_Handler*, uint32_t mask) {
-    return end_registration(socket, mask, nullptr);
-}
+int VEL_Reactor::remove_handler(void* socket, VEL_Event_Handler*, uint32_t mask) { return end_handle(socket, mask); }
 
-/// @param only  the registration that is meant; null for the one that the handle has now
-int VEL_Reactor::end_registration(void* handle, uint32_t mask, const vel::ReactorSlot* only) {
+int VEL_Reactor::end_handle(void* handle, uint32_t mask) {
     VEL_Guard guard(lock_);
     const auto slot = repository_->find(handle);
-    return !slot || (only && slot.get() != only) ? -1 : end_bits(slot, mask, guard);
+    return slot.handler ? end_bits(slot, mask, guard) : -1;
+}
+
+void VEL_Reactor::end_slot(const vel::ReactorSlot& slot, uint32_t mask) {
+    VEL_Guard guard(lock_);
+    end_bits(slot, mask, guard);
 }
 
 /// Ends what is left of a closed handle's registration before its number is registered anew.
 void VEL_Reactor::end_orphan(void* handle) {
     VEL_Guard guard(lock_);
     const auto slot = repository_->find(handle);
-    if (slot && !wait_set_->has(slot->key)) end_bits(slot, ~uint32_t{VEL_NO_CLOSE_CALL}, guard);
+    if (slot.handler && !wait_set_->has(slot.key)) end_bits(slot, ~uint32_t{VEL_NO_CLOSE_CALL}, guard);
 }
 
-/// Opens the guard for the handler's calls.
-int VEL_Reactor::end_bits(const std::shared_ptr<vel::ReactorSlot>& slot, uint32_t mask, VEL_Guard& guard) {
-    const uint32_t removed = slot->mask & mask & ~VEL_NO_CLOSE_CALL;
+/// Opens the guard for the handler's calls. A registration that has ended has no bits.
+int VEL_Reactor::end_bits(const vel::ReactorSlot& slot, uint32_t mask, VEL_Guard& guard) {
+    const uint32_t before = slot.mask();
+    const uint32_t removed = before & mask & ~VEL_NO_CLOSE_CALL;
     if (removed == 0) return -1;
-    slot->mask &= ~removed;
-    const uint32_t left = slot->mask;
+    const uint32_t left = before & ~removed;
+    slot.mask(left);
     if (left == 0)
-        drop(*slot);
-    else if (slot->is_socket && wait_set_->has(slot->key)) // without the peer's close, on purpose
-        wait_set_->bind(slot->key, socket_of(slot->handle), notices_of(left) & ~notice::close);
+        drop(slot);
+    else if (slot.is_socket && wait_set_->has(slot.key)) // without the peer's close, on purpose
+        wait_set_->bind(slot.key, socket_of(slot.handle), notices_of(left) & ~notice::close);
 
     const bool tell = (mask & VEL_NO_CLOSE_CALL) == 0;
     if (left != 0 && !tell) return 1;
-    if (left != 0) slot->handler->addref(); // for the call; at the end the registration's own covers it
+    if (left != 0) slot.handler->addref(); // for the call; at the end the registration's own covers it
     guard.unlock();
-    if (tell) slot->handler->handle_close(slot->handle, removed, this);
-    slot->handler->release();
+    if (tell) slot.handler->handle_close(slot.handle, removed, this);
+    slot.handler->release();
     return left == 0 ? 0 : 1;
 }
 
@@ -155,12 +158,12 @@ void VEL_Reactor::close() {
 
 void VEL_Reactor::close_slots() {
     VEL_Guard guard(lock_);
-    while (const auto slot = repository_->first()) {
-        const uint32_t mask = slot->mask.exchange(0);
-        drop(*slot);
+    for (auto slot = repository_->first(); slot.handler; slot = repository_->first()) {
+        const uint32_t mask = slot.mask();
+        drop(slot);
         guard.unlock();
-        slot->handler->handle_close(slot->handle, mask, this);
-        slot->handler->release();
+        slot.handler->handle_close(slot.handle, mask, this);
+        slot.handler->release();
         guard.lock();
     }
 }

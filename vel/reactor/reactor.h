@@ -16,7 +16,7 @@ struct ReactorSlot;
 
 namespace vel::os {
 class WaitSet;
-struct Notices;
+struct Turn;
 } // namespace vel::os
 
 class VEL_Guard;
@@ -110,18 +110,17 @@ private:
     int admit(const vel::ReactorSlot& slot, uint32_t code) VEL_REQUIRES(lock_);
     void drop(const vel::ReactorSlot& slot) VEL_REQUIRES(lock_);
     void end_orphan(void* handle);
-    int end_registration(void* handle, uint32_t mask, const vel::ReactorSlot* only);
-    int end_bits(const std::shared_ptr<vel::ReactorSlot>& slot, uint32_t mask, VEL_Guard& guard) VEL_REQUIRES(lock_);
+    int end_handle(void* handle, uint32_t mask);
+    void end_slot(const vel::ReactorSlot& slot, uint32_t mask);
+    int end_bits(const vel::ReactorSlot& slot, uint32_t mask, VEL_Guard& guard) VEL_REQUIRES(lock_);
     void close_timers();
     void close_slots();
 
     int run_cycle(uint32_t timeout_ms, bool timer_role);
-    int dispatch_from(uint64_t key);
-    bool next_signalled(uint64_t& key);
-    void dispatch(uint64_t key);
-    void dispatch_event(const vel::ReactorSlot& slot);
-    void dispatch_socket(const vel::ReactorSlot& slot);
-    uint32_t call_handlers(const vel::ReactorSlot& slot, const vel::os::Notices& notices);
+    int dispatch_signalled();
+    void dispatch(const vel::os::Turn& turn);
+    uint32_t call_signal(const vel::ReactorSlot& slot);
+    uint32_t call_handlers(const vel::ReactorSlot& slot, const vel::os::Turn& turn);
 
     bool acquire_timer();
     void release_timer();

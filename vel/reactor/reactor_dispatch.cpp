@@ -79,72 +79,53 @@ int VEL_Reactor::run_cycle(uint32_t timeout_ms, bool timer_role) {
     const uint32_t generation = wait_set_->generation(); // before what a wake-up tells of: the flag and the timers
     const uint32_t wait_ms = timer_role ? std::min(timeout_ms, calc_timeout()) : timeout_ms;
     if (!is_activate()) return vel::report(error::object_closed);
-    uint64_t key = 0;
-    const bool signalled = wait_set_->wait(0, generation, wait_ms, key) == 0 && key != 0;
+    const bool signalled = wait_set_->wait(generation, wait_ms) == vel::os::WaitEnd::signalled;
     if (!is_activate()) return vel::report(error::object_closed);
     const int timers = timer_role ? dispatch_timer() : 0;
-    return signalled ? timers + dispatch_from(key) : timers;
+    return signalled ? timers + dispatch_signalled() : timers;
 }
 
-/// Serves a member and then, each once, those behind it that are signalled by the time it is their turn.
-int VEL_Reactor::dispatch_from(uint64_t key) {
+/// Serves the members in order, each once, that are signalled by the time it is their turn.
+int VEL_Reactor::dispatch_signalled() {
     int count = 0;
-    do {
-        dispatch(key);
+    vel::os::Turn turn;
+    for (bool more = wait_set_->next(turn); more; more = is_activate() && wait_set_->next(turn)) {
+        dispatch(turn);
         ++count;
-    } while (is_activate() && next_signalled(key));
+    }
+    if (turn.key != 0) wait_set_->put_back(turn);
     return count;
 }
 
-/// Goes from `key` to the next signalled member, if there is one now. A wake-up meanwhile ends no cycle.
-bool VEL_Reactor::next_signalled(uint64_t& key) {
-    for (;;) {
-        uint64_t next = 0;
-        if (wait_set_->wait(key, wait_set_->generation(), 0, next) != 0) return false;
-        if (next == 0) continue;
-        key = next;
-        return true;
-    }
-}
-
-void VEL_Reactor::dispatch(uint64_t key) {
+void VEL_Reactor::dispatch(const vel::os::Turn& turn) {
     VEL_Guard guard(lock_);
-    const auto slot = repository_->find_key(key);
-    if (!slot) return; // removed since the wait
-    slot->handler->addref();
+    const vel::ReactorSlot slot = repository_->find_key(turn.key);
+    if (!slot.handler) return; // removed since the wait
+    slot.handler->addref();
     guard.unlock();
-    if (slot->is_socket)
-        dispatch_socket(*slot);
-    else
-        dispatch_event(*slot);
-    slot->handler->release();
-}
-
-void VEL_Reactor::dispatch_event(const vel::ReactorSlot& slot) {
-    if ((slot.mask & VEL_SIGNAL_EVENT) == 0) return;
-    if (slot.handler->handle_signal(slot.handle, this) < 0) end_registration(slot.handle, VEL_SIGNAL_EVENT, &slot);
-}
-
-void VEL_Reactor::dispatch_socket(const vel::ReactorSlot& slot) {
-    vel::os::Notices notices;
-    if (!wait_set_->take(slot.key, notices)) return; // another thread serves it, or has done so
-    if (const uint32_t refused = call_handlers(slot, notices)) {
+    if (const uint32_t refused = slot.is_socket ? call_handlers(slot, turn) : call_signal(slot)) {
         // Only of this registration: the handler may have closed the socket, and its number belong to the next by now,
         // which may be the handler's own.
-        end_registration(slot.handle, refused, &slot);
+        end_slot(slot, refused);
     }
-    wait_set_->put_back(slot.key);
+    slot.handler->release();
+}
+
+/// As `call_handlers`.
+uint32_t VEL_Reactor::call_signal(const vel::ReactorSlot& slot) {
+    if ((slot.mask() & VEL_SIGNAL_EVENT) == 0) return 0;
+    return slot.handler->handle_signal(slot.handle, this) < 0 ? uint32_t{VEL_SIGNAL_EVENT} : 0;
 }
 
 /// Tells the handler of each notice for which it is registered by then. From the first refusal on nothing is told any
 /// more; the bits of that notice and of the later ones come back.
-uint32_t VEL_Reactor::call_handlers(const vel::ReactorSlot& slot, const vel::os::Notices& notices) {
+uint32_t VEL_Reactor::call_handlers(const vel::ReactorSlot& slot, const vel::os::Turn& turn) {
     uint32_t refused = 0;
     for (const Service& service : services) {
-        if ((notices.mask & service.notice) == 0 || (slot.mask & service.bit) == 0) continue;
+        if ((turn.notices.mask & service.notice) == 0 || (slot.mask() & service.bit) == 0) continue;
         if (refused != 0)
             refused |= service.bit;
-        else if ((slot.handler->*service.call)(slot.handle, this, error_of(notices, service.notice)) < 0)
+        else if ((slot.handler->*service.call)(slot.handle, this, error_of(turn.notices, service.notice)) < 0)
             refused = service.bit;
     }
     return refused;

@@ -2,45 +2,34 @@
 #include <vel/reactor/reactor_repository.h>
 
 #include <algorithm>
-#include <new>
-#include <vel/frame/error.h>
-#include <vel/os/error_codes.h>
 
 namespace vel {
 
-ReactorRepository::SlotPtr ReactorRepository::find(void* handle) const {
-    const SlotPtr* slot = slots_.find(handle);
-    return slot ? *slot : nullptr;
+ReactorSlot ReactorRepository::find(void* handle) const {
+    const uint64_t* key = slots_.find(handle);
+    return key ? find_key(*key) : ReactorSlot{};
 }
 
-ReactorRepository::SlotPtr ReactorRepository::find_key(uint64_t key) const {
-    const SlotPtr& slot = by_place_[key % places];
-    return slot && slot->key == key ? slot : nullptr;
+ReactorSlot ReactorRepository::first() const {
+    return slots_.is_empty() ? ReactorSlot{} : find_key(slots_.head()->value());
 }
 
-ReactorRepository::SlotPtr ReactorRepository::first() const {
-    return slots_.is_empty() ? nullptr : slots_.head()->value();
-}
-
-ReactorRepository::SlotPtr ReactorRepository::add(void* handle, VEL_Event_Handler* handler, bool is_socket,
-                                                  uint32_t mask) {
-    const auto place = std::find(by_place_.begin(), by_place_.end(), nullptr);
-    const uint64_t key = ++registrations_ * places + static_cast<uint64_t>(place - by_place_.begin());
-    try {
-        const SlotPtr slot(new ReactorSlot{key, handle, handler, is_socket, {mask}});
-        if (slots_.bind(handle, slot) != 0) return nullptr;
-        *place = slot;
-        return slot;
-    } catch (const std::bad_alloc&) {
-        VELLib::SetErrorCode(error::not_enough_memory);
-        return nullptr;
-    }
+ReactorSlot ReactorRepository::add(void* handle, VEL_Event_Handler* handler, bool is_socket, uint32_t mask) {
+    const auto is_free = [](const ReactorSlot& slot) { return slot.handler == nullptr; };
+    const auto place =
+        static_cast<uint64_t>(std::find_if(by_place_.begin(), by_place_.end(), is_free) - by_place_.begin());
+    const uint64_t key = (registrations_ + 1) * places + place;
+    if (slots_.bind(handle, key) != 0) return {};
+    ++registrations_;
+    by_place_[place] = {key, handle, handler, is_socket, &masks_[place]};
+    masks_[place].set(key, mask);
+    return by_place_[place];
 }
 
 void ReactorRepository::remove(const ReactorSlot& slot) {
-    const uint64_t place = slot.key % places; // read before the slot may go with its last owner
     slots_.unbind(slot.handle);
-    by_place_[place].reset();
+    slot.mask(0);
+    by_place_[slot.key % places] = {};
 }
 
 } // namespace vel

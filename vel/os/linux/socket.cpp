@@ -86,7 +86,7 @@ uint32_t receive_message(SocketObject& socket, iovec part, void* address, int32_
     message.msg_iov = &part;
     message.msg_iovlen = 1;
     ssize_t got = 0;
-    const auto mark = socket.notices.arm(notice::read);
+    const auto mark = socket.notices.mark();
     const uint32_t code =
         transfer(socket, got, [&](int descriptor, int flags) { return ::recvmsg(descriptor, &message, flags); });
     if (!code) moved = static_cast<uint64_t>(got);
@@ -158,7 +158,7 @@ uint32_t accept_socket(uint64_t listener, void* address, int32_t& length, uint64
     if (!object) return error::not_a_socket;
     auto room = static_cast<socklen_t>(std::max(length, 0));
     ssize_t accepted = -1;
-    const auto mark = object->notices.arm(notice::accept);
+    const auto mark = object->notices.mark();
     const uint32_t code = run(*object, true, accepted, [&](int descriptor) {
         int fresh;
         do {
@@ -197,7 +197,7 @@ uint32_t receive(uint64_t socket, void* buffer, uint64_t size, uint64_t& moved) 
     if (!object) return error::not_a_socket;
     if (!object->is_stream()) return receive_message(*object, {buffer, size}, nullptr, nullptr, moved);
     ssize_t got = 0;
-    const auto mark = object->notices.arm(notice::read);
+    const auto mark = object->notices.mark();
     const uint32_t code =
         transfer(*object, got, [&](int descriptor, int flags) { return ::recv(descriptor, buffer, size, flags); });
     if (!code) moved = static_cast<uint64_t>(got);

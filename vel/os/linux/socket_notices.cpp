@@ -118,16 +118,10 @@ bool SocketNotices::renew(uint32_t& code) {
 bool SocketNotices::on_edge(const NoticeSink& sink, uint32_t events, uint64_t fetch, uint64_t& key) {
     const Guard guard(lock_);
     if (sink_.load(std::memory_order_relaxed) != &sink) return false;
-    ++edges_;
+    edges_.store(edges_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     apply(used_at_ < fetch ? events : look());
     key = key_;
     return has_recorded();
-}
-
-SocketNotices::Mark SocketNotices::arm_bound(uint32_t notice) {
-    const Guard guard(lock_);
-    armed_ |= notice & wanted_;
-    return {true, edges_};
 }
 
 // A stream that gave less than it was asked for is empty; the next byte makes an edge. One edge can stand for several
@@ -139,7 +133,12 @@ void SocketNotices::settle(Mark mark, uint32_t notice, uint32_t code, bool empti
     if (connected && (code == error::connection_reset || code == error::connection_aborted)) close_error_ = code;
     withdraw(notice);
     const bool empty = code == error::would_block || (connected && !code && emptied && !urgent_);
-    if (!empty || edges_ != mark.edges) return apply(look());
+    const bool same = edges_.load(std::memory_order_relaxed) == mark.edges;
+    if (same && connected && !code && !emptied && !hung_up_) {
+        if (has_unread()) record(notice::read); // cheaper than a look, and nothing else has changed
+        return;
+    }
+    if (!empty || !same) return apply(look());
     if (hung_up_) record(notice::close);
 }
 

@@ -49,12 +49,12 @@ public:
     /// The socket is being closed: nobody binds it any more.
     void close();
 
-    /// A receive or an accept arms its notice before the call, so that no edge is lost, and settles it after it.
+    /// A receive or an accept marks the time before the call, so that no edge is lost, and arms its notice after it.
     struct Mark {
-        bool bound = false;
-        uint32_t edges = 0;
+        bool bound;
+        uint32_t edges;
     };
-    Mark arm(uint32_t notice) { return bound() ? arm_bound(notice) : Mark{}; }
+    Mark mark() const { return {bound(), edges_.load(std::memory_order_relaxed)}; }
 
     /// @param emptied  the call was not given all it asked for
     void received(Mark mark, uint32_t code, bool emptied) {
@@ -86,7 +86,6 @@ private:
     enum class Phase : uint8_t { idle, connecting, connected, listening, datagram };
     class Change;
 
-    Mark arm_bound(uint32_t notice);
     void settle(Mark mark, uint32_t notice, uint32_t code, bool emptied);
     void send_failed(uint32_t code);
     void start_listening();
@@ -119,10 +118,10 @@ private:
     uint32_t wanted_ = 0;
     uint32_t armed_ = 0;
     uint32_t reported_ = 0; // of connect and close: recorded once already
-    uint32_t edges_ = 0;    // counts the edges applied
     uint64_t used_at_ = 0;  // the sink's last fetch when the socket was last used
     uint64_t key_ = 0;
     std::atomic<NoticeSink*> sink_{nullptr};
+    std::atomic<uint32_t> edges_{0};    // counts the edges applied
     std::atomic<uint32_t> recorded_{0}; // also taken from without the lock
     std::atomic<uint32_t> connect_error_{0};
     std::atomic<uint32_t> close_error_{0}; // of a connection that broke

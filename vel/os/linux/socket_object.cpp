@@ -12,8 +12,6 @@
 
 namespace vel::os {
 
-bool SocketObject::is_stream() const { return type == SOCK_STREAM; }
-
 void SocketObject::detach() {
     port->detach();
     notices.close();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <sys/socket.h>
 #include <vel/os/linux/handle_table.h>
 #include <vel/os/linux/port_binding.h>
 #include <vel/os/linux/socket_notices.h>
@@ -20,7 +21,7 @@ public:
     void detach() override;
     PortBinding* port_binding() override { return port.get(); }
 
-    bool is_stream() const;
+    bool is_stream() const { return type == SOCK_STREAM; }
 
     const int family;
     const int type;                       // without creation flags

@@ -52,7 +52,7 @@ uint32_t EpollWaitSet::bind(uint64_t key, uint64_t socket, uint32_t notices) {
         const Guard guard(lock_);
         uint32_t place = members_.find(key);
         added = place == WaitMembers::nowhere;
-        if (added) place = append(key);
+        if (added) place = members_.append(key);
         members_[place].socket = &object->notices;
     }
     const uint32_t code = object->notices.bind(*this, key, notices);
@@ -72,7 +72,7 @@ uint32_t EpollWaitSet::add_event(uint64_t key, void* event) {
     const Guard guard(lock_);
     const int error_number = watch(object->descriptor(), EPOLLIN | EPOLLET, tag);
     if (!error_number) {
-        const uint32_t place = append(key);
+        const uint32_t place = members_.append(key);
         members_[place].event_tag = tag;
         members_[place].takes_signal = !object->is_left_alone();
         members_.events |= WaitMembers::bit(place);
@@ -104,35 +104,10 @@ void EpollWaitSet::remove(uint64_t key) {
     members_.erase(place);
 }
 
-uint32_t EpollWaitSet::append(uint64_t key) {
-    last_key_.store(key, std::memory_order_release);
-    return members_.append(key);
-}
-
 SocketNotices* EpollWaitSet::socket_of(uint64_t key) {
     const Guard guard(lock_);
     const uint32_t place = members_.find(key);
     return place == WaitMembers::nowhere ? nullptr : members_[place].socket;
-}
-
-bool EpollWaitSet::take(uint64_t key, Notices& notices) {
-    const Guard guard(lock_);
-    const uint32_t place = members_.find(key);
-    if (place == WaitMembers::nowhere || (members_.held & WaitMembers::bit(place)) || !members_[place].socket)
-        return false;
-    notices = members_[place].socket->take();
-    members_.signalled &= ~WaitMembers::bit(place);
-    if (notices.mask == 0) return false;
-    members_.held |= WaitMembers::bit(place);
-    return true;
-}
-
-void EpollWaitSet::put_back(uint64_t key) {
-    const Guard guard(lock_);
-    const uint32_t place = members_.find(key);
-    if (place == WaitMembers::nowhere) return;
-    members_.held &= ~WaitMembers::bit(place);
-    if (members_.signalled & WaitMembers::bit(place)) nudge_one();
 }
 
 // What was recorded may have been taken or withdrawn since.

@@ -36,9 +36,9 @@ public:
     bool has(uint64_t key) override;
     void remove(uint64_t key) override;
     uint32_t generation() const override { return generation_.load(std::memory_order_acquire); }
-    uint32_t wait(uint64_t after, uint32_t generation, uint32_t timeout_ms, uint64_t& key) override;
-    bool take(uint64_t key, Notices& notices) override;
-    void put_back(uint64_t key) override;
+    WaitEnd wait(uint32_t generation, uint32_t timeout_ms) override;
+    bool next(Turn& turn) override;
+    void put_back(Turn& turn) override;
     void wake() override;
 
 private:
@@ -63,7 +63,6 @@ private:
     void released(uint64_t key) override;
 
     SocketNotices* socket_of(uint64_t key);
-    uint32_t append(uint64_t key);
 
     /// Calls `use` with the event behind a tag; false when it is closed.
     template <class Use>
@@ -76,10 +75,12 @@ private:
         return same;
     }
 
-    uint32_t find_signalled(Lock& lock, uint64_t after, uint32_t generation, const Deadline& deadline, uint32_t& place);
+    WaitEnd await_signal(Lock& lock, uint32_t generation, const Deadline& deadline, uint32_t& place);
     uint32_t first_known(uint64_t after) const;
     bool may_be_signalled_up_to(uint32_t place) const;
-    static bool take_signal(const WaitMember& member);
+    uint32_t give_next(Lock& lock, Turn& turn);
+    bool give(uint32_t place, Turn& turn);
+    void let_go(uint64_t key);
 
     // Both ask the kernel, with the lock open meanwhile.
     void look(Lock& lock);
@@ -106,7 +107,6 @@ private:
     std::list<Stragglers> stragglers_;
     bool draining_ = false;
     bool nudged_ = false;                 // a nudge is under way
-    std::atomic<uint64_t> last_key_{0};   // the largest that there was
     std::atomic<uint32_t> generation_{0}; // changes under the lock
     std::atomic<uint32_t> barrier_{0};    // likewise; threads that must not go to sleep yet wait for its next value
     Descriptor wake_{-1};

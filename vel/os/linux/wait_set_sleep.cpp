@@ -16,33 +16,23 @@ struct EpollWaitSet::Batch {
     uint64_t keys[capacity];
 };
 
-uint32_t EpollWaitSet::wait(uint64_t after, uint32_t generation, uint32_t timeout_ms, uint64_t& key) {
-    key = 0;
-    if (timeout_ms == 0 && after >= last_key_.load(std::memory_order_acquire)) return error::wait_timeout;
+WaitEnd EpollWaitSet::wait(uint32_t generation, uint32_t timeout_ms) {
     const Deadline deadline(timeout_ms);
     Lock lock(lock_);
     uint32_t place = WaitMembers::nowhere;
-    const uint32_t code = find_signalled(lock, after, generation, deadline, place);
+    const WaitEnd end = await_signal(lock, generation, deadline, place);
     pass_on(place);
-    const WaitMember found = place == WaitMembers::nowhere ? WaitMember{} : members_[place];
-    lock.unlock();
-    key = found.key;
-    if (found.takes_signal) use_event(found.event_tag, [](Waitable& event) { event.after_wait(); });
-    return code;
+    return end;
 }
 
-uint32_t EpollWaitSet::find_signalled(Lock& lock, uint64_t after, uint32_t generation, const Deadline& deadline,
-                                      uint32_t& place) {
+WaitEnd EpollWaitSet::await_signal(Lock& lock, uint32_t generation, const Deadline& deadline, uint32_t& place) {
     bool looked = false;
     while (generation == generation_.load(std::memory_order_relaxed)) {
-        place = first_known(after);
+        place = first_known(0);
         const bool known = place != WaitMembers::nowhere;
-        if (known && (looked || after != 0 || !may_be_signalled_up_to(place))) {
-            if (take_signal(members_[place])) return error::none;
-            continue;
-        }
+        if (known && (looked || !may_be_signalled_up_to(place))) return WaitEnd::signalled;
         const bool over = deadline.expired();
-        if (!known && over && (looked || !members_.above(after))) return error::wait_timeout;
+        if (!known && over && (looked || members_.count() == 0)) return WaitEnd::timed_out;
         if (!known && !over && draining_) {
             await_drain(lock, deadline);
             continue;
@@ -54,7 +44,66 @@ uint32_t EpollWaitSet::find_signalled(Lock& lock, uint64_t after, uint32_t gener
         looked = true;
     }
     place = WaitMembers::nowhere;
-    return error::none;
+    return WaitEnd::woken;
+}
+
+bool EpollWaitSet::next(Turn& turn) {
+    Lock lock(lock_);
+    const uint32_t place = give_next(lock, turn);
+    pass_on(place);
+    if (place == WaitMembers::nowhere) {
+        turn.key = 0;
+        return false;
+    }
+    const uint64_t ended = members_[place].takes_signal ? members_[place].event_tag : 0;
+    lock.unlock();
+    if (ended) use_event(ended, [](Waitable& event) { event.after_wait(); });
+    return true;
+}
+
+uint32_t EpollWaitSet::give_next(Lock& lock, Turn& turn) {
+    const uint64_t after = turn.key;
+    let_go(after);
+    for (bool looked = after == 0;;) {
+        const uint32_t place = first_known(after);
+        if (place != WaitMembers::nowhere) {
+            if (give(place, turn)) return place;
+        } else if (looked || !members_.above(after)) {
+            return place;
+        } else {
+            look(lock);
+            looked = true;
+        }
+    }
+}
+
+// False when another thread was first to take an auto-reset event, or when nothing of the socket is true any more.
+bool EpollWaitSet::give(uint32_t place, Turn& turn) {
+    const WaitMember& member = members_[place];
+    turn = {member.key, {}};
+    if (members_.events & WaitMembers::bit(place)) {
+        bool taken = !member.takes_signal;
+        if (!taken) use_event(member.event_tag, [&](Waitable& event) { taken = event.take(); });
+        return taken;
+    }
+    turn.notices = member.socket->take();
+    members_.signalled &= ~WaitMembers::bit(place);
+    if (turn.notices.mask == 0) return false;
+    members_.held |= WaitMembers::bit(place);
+    return true;
+}
+
+void EpollWaitSet::put_back(Turn& turn) {
+    const Guard guard(lock_);
+    let_go(turn.key);
+    turn.key = 0;
+}
+
+void EpollWaitSet::let_go(uint64_t key) {
+    const uint32_t place = members_.find(key);
+    if (place == WaitMembers::nowhere) return;
+    members_.held &= ~WaitMembers::bit(place);
+    if (members_.signalled & WaitMembers::bit(place)) nudge_one();
 }
 
 uint32_t EpollWaitSet::first_known(uint64_t after) const {
@@ -72,13 +121,6 @@ uint32_t EpollWaitSet::first_known(uint64_t after) const {
 // An edge that nobody has fetched yet may tell of a socket with a smaller key, or tell more of this one.
 bool EpollWaitSet::may_be_signalled_up_to(uint32_t place) const {
     return ((WaitMembers::bit(place) * 2 - 1) & ~(members_.events | members_.held)) != 0;
-}
-
-// An auto-reset event is taken by the wait that gives it. False when another thread was first.
-bool EpollWaitSet::take_signal(const WaitMember& member) {
-    bool taken = !member.takes_signal;
-    if (!taken) use_event(member.event_tag, [&](Waitable& event) { taken = event.take(); });
-    return taken;
 }
 
 void EpollWaitSet::look(Lock& lock) {
