@@ -134,7 +134,7 @@ TEST_F(CompletionPort, BlockedHandlerDelaysNobodyWhileAnotherWorkerIsIdle) {
             if (completion.key == 2) return answered.add();
             send_text(pairs[1].client, "x");
             EXPECT_TRUE(answered.reaches(1));
-            outcome.add();
+            return outcome.add();
         });
         for (int i : {0, 1}) ASSERT_EQ(start_receive(pairs[i].server, requests[i]), 0u);
         send_text(pairs[0].client, "x");

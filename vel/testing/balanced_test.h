@@ -26,8 +26,7 @@ protected:
         EXPECT_EQ(os::open_handle_count(), handles_before_);
     }
 
-private:
-    const uint64_t handles_before_ = os::open_handle_count();
+    uint64_t handles_before_ = os::open_handle_count();
 };
 
 } // namespace vel::testing

@@ -1,38 +1,22 @@
 // Vocabulary of the proactor's tests: handlers made of lambdas and a running proactor.
 #pragma once
 
-#include <atomic>
-#include <cstdlib>
 #include <functional>
-#include <gtest/gtest.h>
-#include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 #include <vel/buffers/serializable.h>
 #include <vel/os/error_codes.h>
-#include <vel/os/file.h>
-#include <vel/os/handle.h>
 #include <vel/platform/sockets.h>
 #include <vel/proactor/async_acceptor.h>
 #include <vel/proactor/async_sock_dgram.h>
 #include <vel/proactor/async_sock_stream.h>
 #include <vel/proactor/proactor.h>
-#include <vel/testing/allocator_environment.h>
-#include <vel/testing/expect_failure.h>
+#include <vel/testing/crew.h>
 #include <vel/testing/reference.h>
 #include <vel/testing/tally.h>
 
-namespace vel::test {
-
-using testing::expect_failure;
-using testing::Ref;
-using testing::Tally;
-
-inline constexpr uint32_t loopback = 0x7F000001;
-inline std::atomic<int> live_handlers{0};
+namespace vel::testing {
 
 template <class Operation>
 using Hook = std::function<int(Operation*&, uint32_t)>;
@@ -40,11 +24,8 @@ using Hook = std::function<int(Operation*&, uint32_t)>;
 /// A handler whose callbacks are the test's: each takes its operation, which is deleted after it unless it clears the
 /// pointer. Without one the answer is 0.
 template <class Base>
-class Hooked : public Base {
+class Hooked : public Tracked<Base> {
 public:
-    Hooked() { ++live_handlers; }
-    ~Hooked() override { --live_handlers; }
-
     int handle_accept(VEL_Async_Accept_Operation* op, uint32_t error) override { return call(on_accept, op, error); }
     int handle_connect(VEL_Async_Connect_Operation* op, uint32_t error) override { return call(on_connect, op, error); }
     int handle_input(VEL_Async_Read_Operation* op, uint32_t error) override { return call(on_input, op, error); }
@@ -73,8 +54,6 @@ public:
     std::atomic<uint32_t> last_key{0};
     std::atomic<void*> last_handle{nullptr};
 
-    int references() { return this->addref(), this->release(); }
-
 private:
     static int call(const auto& hook, auto* op, auto... error) {
         const int result = hook ? hook(op, error...) : 0;
@@ -98,14 +77,6 @@ public:
     void* const handle = reinterpret_cast<void*>(socket);
 };
 
-/// Runs a disabled test of this program in a process of its own, behind `prefix` of the command; 0 when it passed.
-inline int run_in_process(const std::string& prefix, const std::string& test) {
-    std::string folder;
-    EXPECT_EQ(vel::os::executable_directory(folder), 0u);
-    const std::string command = prefix + " exec " + folder + "/proactor_test --gtest_also_run_disabled_tests";
-    return std::system((command + " --gtest_brief=1 --gtest_filter=" + test).c_str()); // tidy: allowed, see above
-}
-
 /// Starts a receive of at most `bytes` into a block of its own.
 int receive(auto& stream, size_t bytes) {
     VEL_Byte_Block block;
@@ -117,7 +88,7 @@ inline std::string text_of(const VEL_Async_Read_Operation& op) {
 }
 
 /// An open proactor; at the end it is closed, and every handler and every system handle must be gone.
-class ProactorTest : public ::testing::Test {
+class ProactorTest : public BalancedTest {
 protected:
     struct Pair {
         Ref<Stream> client, server;
@@ -125,16 +96,9 @@ protected:
 
     ProactorTest() {
         EXPECT_EQ(VEL_Proactor().open(1), 0); // what the process starts once and keeps is no leak
-        EXPECT_EQ(live_handlers, 0) << "left over by an earlier test";
-        handles_before_ = vel::os::open_handle_count();
+        handles_before_ = os::open_handle_count();
         proactor = std::make_unique<VEL_Proactor>();
         EXPECT_EQ(proactor->open(4), 0);
-    }
-
-    ~ProactorTest() override {
-        proactor.reset();
-        EXPECT_EQ(live_handlers, 0);
-        EXPECT_EQ(vel::os::open_handle_count(), handles_before_);
     }
 
     void TearDown() override { proactor->close(); }
@@ -176,9 +140,6 @@ protected:
     }
 
     std::unique_ptr<VEL_Proactor> proactor;
-
-private:
-    uint64_t handles_before_ = 0;
 };
 
-} // namespace vel::test
+} // namespace vel::testing

@@ -11,10 +11,12 @@ namespace vel::testing {
 /// Counts what happens on other threads.
 class Tally {
 public:
-    void add(int64_t n = 1) {
+    /// Gives 0, so that a handler may end with it.
+    int add(int64_t n = 1) {
         std::lock_guard guard(mutex_);
         count_ += n;
         changed_.notify_all();
+        return 0;
     }
 
     int64_t count() {
