@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 #include <thread>
 #include <vel/os/linux/testing/process_counts.h>
+#include <vel/testing/crew.h>
 
 namespace {
 
+using vel::testing::crew;
 using vel::testing::ProcessCounts;
 
 int poll_cancel(void*) {
@@ -54,12 +56,9 @@ TEST(Library, AThousandLivesLeaveNothingBehind) {
 }
 
 TEST(Library, UsersThatComeAndGoTogetherNeverMeetAHalfStoppedLibrary) {
-    auto rounds = [] {
+    crew(2, [](int) {
         for (int round = 0; round < 200; ++round) use_library();
-    };
-    std::thread first(rounds), second(rounds);
-    first.join();
-    second.join();
+    });
 }
 
 std::atomic<int> refused{0};
@@ -73,6 +72,7 @@ struct StartsAgain : VEL_SingleInstance {
 };
 
 TEST(Library, WhatTheStopWaitsForIsRefusedAFreshStart) {
+    refused = 0;
     ASSERT_EQ(VELLib::initialize(), 0);
     ASSERT_EQ(VEL_SingleInstance::add_instance(nullptr), 0) << "which ends nothing";
     ASSERT_EQ(VEL_SingleInstance::add_instance(new StartsAgain), 0);

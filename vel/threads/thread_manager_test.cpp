@@ -1,27 +1,20 @@
 // Tests of the thread manager with plain threads.
 #include <vel/threads/thread_manager.h>
 
-#include <atomic>
-#include <gtest/gtest.h>
-#include <thread>
-#include <vel/frame/error.h>
 #include <vel/os/clock.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/event.h>
-#include <vel/os/handle.h>
 #include <vel/os/thread.h>
-#include <vel/testing/allocator_environment.h>
-#include <vel/testing/expect_failure.h>
+#include <vel/testing/balanced_test.h>
+#include <vel/testing/crew.h>
 
 // A killed thread runs no destructor, so its thread-local pointer to its descriptor is lost with it.
 extern "C" VEL_API const char* __lsan_default_suppressions() {
     return "leak:VEL_TLS<VEL_Thread_Descriptor*>::tls_get\n";
 }
 
+namespace vel::testing {
 namespace {
-
-using namespace vel;
-using vel::testing::expect_failure;
 
 constexpr uint32_t long_ms = 10000;
 constexpr uint32_t short_ms = 20;
@@ -35,7 +28,7 @@ int poll_cancel(void*) {
 
 int add_one(void* count) { return ++*static_cast<Count*>(count); }
 
-class ThreadManager : public ::testing::Test {
+class ThreadManager : public BalancedTest {
 protected:
     VEL_thread_t spawn(int (*func)(void*), int grp = 1, uint32_t flags = 0) {
         VEL_thread_t thread;
@@ -120,7 +113,6 @@ TEST_F(ThreadManager, SuspendsAndKillsWhatBlocks) {
 #endif
     static void* event;
     ASSERT_EQ(os::create_event(false, false, event), error::none);
-    const uint64_t handles = os::open_handle_count();
     const VEL_thread_t thread = spawn([](void* rounds) {
         while (add_one(rounds), os::wait_handle(event, long_ms) == error::none) {
         }
@@ -142,21 +134,18 @@ TEST_F(ThreadManager, SuspendsAndKillsWhatBlocks) {
     spawn(poll_cancel, 2);
     spawn(poll_cancel, 2, 1);
     EXPECT_EQ(manager_.kill(2, 9), 0);
-    EXPECT_EQ(os::open_handle_count(), handles);
     os::close_handle(event);
 }
 
 TEST_F(ThreadManager, JoinsAndWaitsForTheSameThreadsRace) {
-    const uint64_t before = os::open_handle_count();
     for (int round = 0; round < 30; ++round) {
         VEL_thread_t threads[4];
         ASSERT_EQ(manager_.spawn(poll_cancel, nullptr, 4, threads, 1, 0, 0, nullptr), 0);
-        std::thread waiter([&] { EXPECT_EQ(manager_.wait(1, long_ms), 0); });
+        const auto waiter = crew(1, [&](int) { EXPECT_EQ(manager_.wait(1, long_ms), 0); });
         manager_.join(threads[round % 4], nullptr);
         EXPECT_EQ(manager_.cancel_all(), 0);
-        waiter.join();
     }
-    EXPECT_EQ(os::open_handle_count(), before);
 }
 
 } // namespace
+} // namespace vel::testing
