@@ -20,16 +20,11 @@ namespace {
 /// Refuses what no input of this size can need.
 class BoundedAllocator : public VEL_Allocator {
 public:
-    void* malloc(uint64_t size, bool zero) override {
-        require(size <= limit);
-        return VEL_Std_Allocator::instance()->malloc(size, zero);
-    }
-    void* realloc(void* block, uint64_t size) override {
-        require(size <= limit);
-        return VEL_Std_Allocator::instance()->realloc(block, size);
-    }
-    void free(void* block) override { VEL_Std_Allocator::instance()->free(block); }
+    void* malloc(uint64_t size, bool zero) override { return require(size <= limit), heap->malloc(size, zero); }
+    void* realloc(void* block, uint64_t size) override { return require(size <= limit), heap->realloc(block, size); }
+    void free(void* block) override { heap->free(block); }
 
+    VEL_Allocator* const heap = VEL_Std_Allocator::instance();
     uint64_t limit = 0;
 };
 

@@ -26,9 +26,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(address.set(4711, text.c_str()) == (is_octal ? 0 : -1));
     require(address.getiplong() == (is_octal ? expected : 9));
     require(address.getport() == (is_octal ? 4711 : 9));
-    uint32_t again = 0;
-    const std::string written = address.getiptext();
-    require(vel::is_dotted_quad(written.c_str()) && vel::read_dotted_quad(written.c_str(), again));
-    require(again == address.getiplong());
     return 0;
 }

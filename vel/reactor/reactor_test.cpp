@@ -151,13 +151,10 @@ TEST_F(ReactorTest, OneServesASocketAndOneTheTimersUntilOthersEndThem) {
     for (int round = 0; round < 200; ++round)
         for (Recorder* self : recorders) EXPECT_EQ(self->peer.send("x", 1), 1);
     EXPECT_TRUE(comes_true([&] { return received > 200 * sockets; })) << received;
-    std::vector<std::thread> enders;
-    for (int i = 0; i < 2; ++i)
-        enders.emplace_back([&] {
-            for (Recorder* self : recorders) reactor->remove_handler(self->handle(), self, VEL_OUTPUT_EVENT);
-            reactor->close();
-        });
-    for (std::thread& ender : enders) ender.join();
+    crew(2, [&](int) {
+        for (Recorder* self : recorders) reactor->remove_handler(self->handle(), self, VEL_OUTPUT_EVENT);
+        reactor->close();
+    });
     EXPECT_TRUE(comes_true([&] { return closes == 3 * sockets; })) << closes << " of output, input and timer";
     stop();
 }

@@ -9,6 +9,7 @@ using SockStream = ReactorTest;
 TEST_F(SockStream, EchoesAndHearsOfTheEndBehindTheLastByte) {
     auto [client, server] = connect_pair();
     Stream& echo = *server;
+    EXPECT_EQ(echo.get_remote_addr(), address_of(client->get_handle()));
     echo.on["read"] = [&] {
         std::thread([&] { echo.send(text("echo")); }).join(); // the lock is free
         return 0;
@@ -161,22 +162,22 @@ TEST_F(SockStream, SendsSuspendsAndClosesUnderThreadsThatServe) {
     stop();
 }
 
-TEST_F(SockStream, AnAcceptorHandsOverAStreamThatWaitsForItsReactor) {
-    const Ref<Acceptor> acceptor = listen();
-    const Ref<Stream> stream(new Stream);
-    expect_failure(error::would_block, acceptor->accept(*stream));
-    VEL_Socket client(2, 1, 0);
-    ASSERT_EQ(client.connect(address_of(acceptor->get_handle())), 0);
-    ASSERT_EQ(acceptor->accept(*stream), 0);
-    EXPECT_EQ(stream->get_remote_addr(), address_of(client.get_socket()));
-    expect_failure(error::null_member, stream->send(text("x")));
-    expect_failure(error::already_connected, acceptor->accept(*stream));
-    stream->reactor(reactor.get());
-    for (const uint32_t event : {VEL_INPUT_EVENT, VEL_OUTPUT_EVENT}) EXPECT_EQ(stream->select_event(event), 0);
-    EXPECT_EQ(client.send("hello", 5), 5);
-    ASSERT_TRUE(serve_until([&] { return stream->input == "hello"; }));
-    stream->clear_event();
-    EXPECT_EQ(stream->references(), 1);
+TEST_F(SockStream, ABareSocketRemembersThatThePeerHasClosedUntilItHoldsAnother) {
+    VEL_Socket first(2, 1, 0), second(2, 1, 0), server;
+    char buffer[8];
+    ASSERT_EQ(first.connect(open_door()), 0);
+    ASSERT_EQ(door.accept(server), 0);
+    ASSERT_EQ(first.send("bye", 3), 3);
+    first.close();
+    EXPECT_EQ(server.recv(buffer, sizeof buffer), 3);
+    EXPECT_EQ(server.recv(buffer, sizeof buffer), 0);
+    EXPECT_EQ(server.recv(buffer, sizeof buffer, 0), 0) << "asked the socket, which would be no time-out";
+
+    ASSERT_EQ(second.connect(open_door(), patience_ms), 0);
+    server.close();
+    ASSERT_EQ(door.accept(server, patience_ms), 0);
+    ASSERT_EQ(second.send("hi", 2, patience_ms), 2);
+    EXPECT_EQ(server.recv(buffer, sizeof buffer, patience_ms), 2);
 }
 
 TEST_F(SockStream, AnAcceptorEndsWithItsRegistrationItsTimerOrAFailedOpen) {

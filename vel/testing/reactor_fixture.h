@@ -9,14 +9,13 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
-#include <thread>
-#include <vector>
 #include <vel/os/clock.h>
 #include <vel/os/error_codes.h>
 #include <vel/os/event.h>
 #include <vel/reactor/acceptor.h>
 #include <vel/reactor/reactor.h>
 #include <vel/reactor/sock_stream.h>
+#include <vel/testing/crew.h>
 #include <vel/testing/reference.h>
 
 namespace vel::testing {
@@ -79,7 +78,6 @@ public:
     Recorder(Journal& journal, std::string name) : journal_(journal), name_(std::move(name)) {}
 
     int handle_signal(void*, VEL_Reactor*) override { return told("signal"); }
-    int handle_accept(void*, VEL_Reactor*, uint32_t code) override { return told("accept", code); }
     int handle_connect(void*, VEL_Reactor*, uint32_t code) override { return told("connect", code); }
     int handle_input(void*, VEL_Reactor*, uint32_t code) override { return told("input", code); }
     int handle_output(void*, VEL_Reactor*, uint32_t code) override { return told("output", code); }
@@ -207,7 +205,7 @@ protected:
     }
 
     VEL_INET_Addr open_door() {
-        if (!door.is_open()) door.open(2, 1, 0), door.bind(0, loopback), door.listen();
+        if (!door.is_open()) door.open(2, 1, 0), door.bind(0, "127.0.0.1"), door.listen();
         return address_of(door.get_socket());
     }
 
@@ -242,17 +240,16 @@ protected:
 
     /// Starts threads that run the reactor until `stop`, which must free each of them.
     void start(int count) {
-        while (count-- > 0)
-            loops_.emplace_back([this] {
-                while (reactor->handle_event(VEL_INFINITE) >= 0) {
-                }
-                EXPECT_EQ(VELLib::GetErrorCode(), error::object_closed);
-            });
+        loops_ = crew(count, [this](int) {
+            while (reactor->handle_event(VEL_INFINITE) >= 0) {
+            }
+            EXPECT_EQ(VELLib::GetErrorCode(), error::object_closed);
+        });
     }
 
     void stop() {
         reactor->deactivate();
-        for (std::thread& loop : loops_) loop.join();
+        loops_.clear();
     }
 
     Ref<Acceptor> listen() {
@@ -278,7 +275,7 @@ protected:
 private:
     std::deque<Recorder> recorders_;
     std::vector<void*> events_;
-    std::vector<std::thread> loops_;
+    std::vector<std::jthread> loops_;
 
 protected:
     Journal journal;
