@@ -122,22 +122,6 @@ protected:
     Pair marker_{};
 };
 
-TEST_F(WindowNotices, ArePostedOnceUntilTheirUserHasSeenToThem) {
-    const Pair pair = connected();
-    bind(pair.server, notice::all);
-    expect_next(pair.server, notice::write);
-    send_text(pair.client, "abc");
-    expect_next(pair.server, notice::read);
-    send_text(pair.client, "def");
-    expect_quiet();
-    EXPECT_EQ(receive_some(pair.server, 4), error::none);
-    expect_next(pair.server, notice::read);
-    EXPECT_EQ(receive_some(pair.server), error::none);
-    shutdown_socket(pair.client, 1);
-    expect_next(pair.server, notice::close);
-    expect_quiet();
-}
-
 TEST_F(WindowNotices, EndWithMaskSocketOrWindowAndMoveToAnother) {
     const Pair unbound = connected(), closed = connected(), moved = connected();
     for (const Pair& pair : {unbound, closed, moved}) bind(pair.server, notice::read);

@@ -40,17 +40,13 @@ protected:
         while (steps_ == 0) std::this_thread::yield();
         return handle;
     }
-    // Both give the count before.
-    static uint32_t suspend(void* handle) {
+    static uint32_t count_before(uint32_t (*call)(void*, uint32_t&), void* handle) {
         uint32_t count = 99;
-        EXPECT_EQ(suspend_thread(handle, count), error::none);
+        EXPECT_EQ(call(handle, count), error::none);
         return count;
     }
-    static uint32_t resume(void* handle) {
-        uint32_t count = 99;
-        EXPECT_EQ(resume_thread(handle, count), error::none);
-        return count;
-    }
+    static uint32_t suspend(void* handle) { return count_before(suspend_thread, handle); }
+    static uint32_t resume(void* handle) { return count_before(resume_thread, handle); }
     // Waits for the end of a thread and gives its code.
     static uint32_t outcome(void* handle, uint32_t within_ms = patience_ms) {
         uint32_t code = 0;

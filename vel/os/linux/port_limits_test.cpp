@@ -14,12 +14,6 @@ void limit_descriptors(rlim_t count) {
     if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) ::_exit(50);
 }
 
-rlim_t lowest_free_descriptor() {
-    const int lowest = ::dup(2);
-    ::close(lowest);
-    return static_cast<rlim_t>(lowest);
-}
-
 // Runs in a process of its own; the exit code is the number of the step that failed.
 [[noreturn]] void accept_at_the_descriptor_limit() {
     void* port = nullptr;
@@ -31,18 +25,19 @@ rlim_t lowest_free_descriptor() {
     const uint64_t clients[] = {open(stream), open(stream)};
     Request accept;
     Completion completion;
-    const auto start = [&](int i) { return start_accept(listener, accept, prepared[i], &local, &remote); };
-    if (start(0) != 0) ::_exit(1);
-    limit_descriptors(lowest_free_descriptor());
+    const auto start = [&](int i) { return start_accept(listener, accept, prepared[i], &local, &remote) == 0; };
+    const auto ends_with = [&](uint32_t code) {
+        return wait_completion(port, patience_ms, completion) == 0 && completion.error == code;
+    };
+    if (!start(0)) ::_exit(1);
+    limit_descriptors(static_cast<rlim_t>(::dup(2))); // the lowest that was free
     for (uint64_t client : clients) connect_socket(client, &address, sizeof address);
     // The prepared socket is a descriptor already: at the limit there is still room for its connection.
-    if (wait_completion(port, patience_ms, completion) != 0 || completion.error != 0) ::_exit(2);
+    if (!ends_with(error::none)) ::_exit(2);
     limit_descriptors(3);
-    if (start(1) != 0 || wait_completion(port, patience_ms, completion) != 0) ::_exit(3);
-    if (completion.error != error::too_many_sockets) ::_exit(4);
+    if (!start(1) || !ends_with(error::too_many_sockets)) ::_exit(3);
     limit_descriptors(100); // the connection has not been lost meanwhile
-    if (start(1) != 0 || wait_completion(port, patience_ms, completion) != 0 || completion.error != 0) ::_exit(5);
-    ::_exit(0);
+    ::_exit(start(1) && ends_with(error::none) ? 0 : 4);
 }
 
 TEST(CompletionPortLimits, AcceptOutOfDescriptorsIsReportedAndLosesNoConnection) {

@@ -4,12 +4,10 @@
 #include <mutex>
 #include <vel/os/linux/notice_sink.h>
 #include <vel/os/linux/socket_object.h>
-#include <vel/testing/completion_port_fixture.h>
+#include <vel/testing/os_fixture.h>
 
-namespace vel::os {
+namespace vel::os::testing {
 namespace {
-
-using namespace os::testing;
 
 // Fetches edges and applies them when the test says so.
 class LateSink final : public NoticeSink {
@@ -44,34 +42,34 @@ private:
     uint64_t fetch_ = 0;
 };
 
-TEST(SocketNotices, AnEdgeThatTheSocketHasOutlivedIsNotTrusted) {
-    Address address;
-    const uint64_t listener = open_listener(address), client = open(stream);
-    LateSink sink;
-    ASSERT_EQ(sink.bind(client), error::none);
-    ASSERT_TRUE(sink.fetch_edge()); // says hung up of a socket that was never connected
-    ASSERT_EQ(connect_socket(client, &address, sizeof address), error::none);
-    EXPECT_EQ(sink.apply(client), notice::connect | notice::write);
+class LateEdges : public OsTest {
+protected:
+    LateSink sink_; // outlives the sockets
+};
 
-    uint64_t server = 0, moved = 0;
-    int32_t length = sizeof address;
-    char buffer[8];
-    ASSERT_EQ(accept_socket(listener, &address, length, server), error::none);
+TEST_F(LateEdges, AreNotTrustedWhenTheSocketHasOutlivedThem) {
+    Address address;
+    const uint64_t listener = keep(open_listener(address)), client = keep(open(stream));
+    ASSERT_EQ(sink_.bind(client), error::none);
+    ASSERT_TRUE(sink_.fetch_edge()); // says hung up of a socket that was never connected
+    ASSERT_EQ(connect_socket(client, &address, sizeof address), error::none);
+    EXPECT_EQ(sink_.apply(client), notice::connect | notice::write);
+
+    const uint64_t server = keep(accept_from(listener));
     for (const bool outlived : {true, false}) {
         send_text(server, "a");
-        ASSERT_TRUE(sink.fetch_edge());
-        if (outlived) receive(client, buffer, sizeof buffer, moved);
-        EXPECT_EQ(sink.apply(client), outlived ? 0 : notice::read);
+        ASSERT_TRUE(sink_.fetch_edge());
+        if (outlived) receive_some(client);
+        EXPECT_EQ(sink_.apply(client), outlived ? 0 : notice::read);
     }
     const Pinned<SocketObject> object(client, HandleKind::socket);
     const auto mark = object->notices.mark(); // a receive that finds nothing, and then an edge
     send_text(server, "b");
-    ASSERT_TRUE(sink.fetch_edge());
-    EXPECT_EQ(sink.apply(client), 0u);
+    ASSERT_TRUE(sink_.fetch_edge());
+    EXPECT_EQ(sink_.apply(client), 0u);
     object->notices.received(mark, error::would_block, true);
     EXPECT_EQ(object->notices.take().mask, notice::read);
-    for (const uint64_t socket : {listener, client, server}) EXPECT_EQ(close_socket(socket), error::none);
 }
 
 } // namespace
-} // namespace vel::os
+} // namespace vel::os::testing
