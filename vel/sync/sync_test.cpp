@@ -3,33 +3,31 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <thread>
-#include <vector>
 #include <vel/sync/reference_counter.h>
 #include <vel/sync/singleton.h>
 #include <vel/sync/tls.h>
 #include <vel/testing/allocator_environment.h>
+#include <vel/testing/crew.h>
 
 namespace {
 
-template <class Counter>
-class ReferenceCounter : public ::testing::Test {};
-using SharedCounters = ::testing::Types<VEL_Reference_Counter_Sync, VEL_Reference_Counter_Global_Sync>;
-TYPED_TEST_SUITE(ReferenceCounter, SharedCounters);
-
 // Nothing is lost, and only one thread sees the end.
-TYPED_TEST(ReferenceCounter, IsLinearisableAcrossThreads) {
+template <class Counter>
+void check_counter() {
     constexpr int steps = 5000;
-    TypeParam counter;
+    Counter counter;
     std::atomic<int> zeros{0};
     for (int i = 0; i < 4 * steps; ++i) counter.increment();
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([&] {
-            for (int step = 0; step < steps; ++step) zeros += counter.decrement() == 0;
-        });
-    for (auto& thread : threads) thread.join();
+    vel::testing::crew(4, [&](int) {
+        for (int step = 0; step < steps; ++step) zeros += counter.decrement() == 0;
+    });
     EXPECT_EQ(zeros, 1);
     EXPECT_EQ(counter.decrement(), -1);
+}
+
+TEST(ReferenceCounter, IsLinearisableAcrossThreads) {
+    check_counter<VEL_Reference_Counter_Sync>();
+    check_counter<VEL_Reference_Counter_Global_Sync>();
 }
 
 TEST(Tls, EveryThreadHasItsOwnValueAndItEndsWithTheThread) {
@@ -87,9 +85,7 @@ TEST(Singleton, IsMadeOnceAndFreshAfterARelease) {
     VEL_SingleInstance::release_all_instance();
     EXPECT_FALSE(Service::exists());
     Service::made = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i) threads.emplace_back([] { EXPECT_NE(Service::instance(), nullptr); });
-    for (auto& thread : threads) thread.join();
+    vel::testing::crew(8, [](int) { EXPECT_NE(Service::instance(), nullptr); });
     EXPECT_EQ(Service::made, 1);
     VEL_SingleInstance::release_all_instance();
 }
