@@ -1,6 +1,5 @@
-// The completion port where Linux has its own edges: descriptor limits and urgent data.
+// The completion port at the limit of descriptors.
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 #include <vel/testing/completion_port_fixture.h>
 
@@ -42,20 +41,6 @@ void limit_descriptors(rlim_t count) {
 
 TEST(CompletionPortLimits, AcceptOutOfDescriptorsIsReportedAndLosesNoConnection) {
     EXPECT_EXIT(accept_at_the_descriptor_limit(), ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(CompletionPort, UrgentDataDoesNotHideWhatFollowsIt) {
-    const Pair pair = connected(1);
-    const int client = static_cast<int>(pair.client);
-    Request before, after;
-    ASSERT_EQ(start_receive(pair.server, before), 0u);
-    expect_empty();
-    ASSERT_EQ(::send(client, "ab", 2, 0), 2);
-    ASSERT_EQ(::send(client, "!", 1, MSG_OOB), 1);
-    ASSERT_EQ(::send(client, "cd", 2, 0), 2);
-    EXPECT_EQ(before.data.substr(0, take().bytes), "ab"); // a receive stops at the mark
-    ASSERT_EQ(start_receive(pair.server, after), 0u);
-    EXPECT_EQ(after.data.substr(0, take().bytes), "cd");
 }
 
 } // namespace
