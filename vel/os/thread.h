@@ -38,6 +38,9 @@ uint32_t abandon_gate(void* handle, uint32_t exit_code);
 
 uint32_t processor_count();
 
+/// Rests the processor a number of times, 10 to 60 ns each, between two looks at what another thread will change.
+void pause_spinning(uint32_t times);
+
 /// Per-thread slots. `destroy` (may be null) runs at thread end for a value that is not null. Errors: 8, 1450.
 uint32_t create_slot(void (*destroy)(void*), uint32_t& slot);
 uint32_t free_slot(uint32_t slot);

@@ -48,10 +48,7 @@ public:
     int tryacquire_read() override;
     int tryacquire_write() override;
     int acquire(uint32_t timeout_ms) override;
-    int acquire() override {
-        mutex_.lock();
-        return 0;
-    }
+    int acquire() override { return mutex_.try_lock() ? 0 : acquire_taken(); }
     int acquire_read() override;
     int acquire_write() override;
     int release() override {
@@ -61,4 +58,7 @@ public:
 
 protected:
     std::recursive_mutex mutex_;
+
+private:
+    int acquire_taken();
 };

@@ -394,6 +394,10 @@ uint32_t processor_count() {
     return online > 0 ? static_cast<uint32_t>(online) : 1;
 }
 
+void pause_spinning(uint32_t times) {
+    for (; times > 0; --times) __builtin_ia32_pause();
+}
+
 uint32_t create_slot(void (*destroy)(void*), uint32_t& slot) {
     pthread_key_t key;
     const int failed = ::pthread_key_create(&key, destroy);
