@@ -18,16 +18,6 @@ VEL_Byte_Block::VEL_Byte_Block(const VEL_Byte_Block& other) { share(other); }
 
 VEL_Byte_Block::~VEL_Byte_Block() { reset(); }
 
-const VEL_Byte_Block& VEL_Byte_Block::operator=(const VEL_Byte_Block& other) {
-    if (*this == other) {
-        offset_ = 0;
-        return *this;
-    }
-    reset();
-    share(other);
-    return *this;
-}
-
 int VEL_Byte_Block::set(void* data, uint64_t size) {
     reset();
     if (data == nullptr || size == 0) return 0;
@@ -61,6 +51,12 @@ void VEL_Byte_Block::reset() {
 }
 
 VEL_Byte_Block VEL_Byte_Block::clone() const { return VEL_Byte_Block(size_, data_); }
+
+/// Leaves its group for that of the other one.
+void VEL_Byte_Block::replace(const VEL_Byte_Block& other) {
+    reset();
+    share(other);
+}
 
 /// Joins the other's group; this handle is null before.
 void VEL_Byte_Block::share(const VEL_Byte_Block& other) {

@@ -34,7 +34,13 @@ public:
 
     /// Shares the other's buffer. Assigning a block to itself, or a handle of the same buffer, only rewinds this
     /// handle to offset 0: that is deliberate.
-    const VEL_Byte_Block& operator=(const VEL_Byte_Block& other);
+    const VEL_Byte_Block& operator=(const VEL_Byte_Block& other) {
+        if (*this == other)
+            offset_ = 0;
+        else
+            replace(other);
+        return *this;
+    }
 
     /// Adopts the caller's buffer. Null data or size 0 makes a null block.
     /// @param size  bytes
@@ -77,6 +83,7 @@ public:
 
 private:
     void share(const VEL_Byte_Block& other);
+    void replace(const VEL_Byte_Block& other);
 
     VEL_Reference_Counter_Global_Sync* counter_ = nullptr; // held in common with the other handles of the buffer
     uint8_t* data_ = nullptr;                              // null exactly when counter_ is null and size_ is 0

@@ -39,10 +39,9 @@ void VEL_Async_Operation::set(VEL_Proactor* proactor, uint32_t completion_key, v
     if (former != nullptr && former != handler) former->release();
 }
 
-int VEL_Async_Operation::check_start() const {
-    if (handler_ == nullptr || proactor_ == nullptr) return vel::fail(vel::error::null_member);
-    if (completion_key_ == 0) return vel::fail(vel::error::no_completion_key);
-    return 0;
+int VEL_Async_Operation::refuse_start() const {
+    const bool aimless = handler_ == nullptr || proactor_ == nullptr;
+    return vel::fail(aimless ? vel::error::null_member : vel::error::no_completion_key);
 }
 
 void VEL_Async_Operation::clear_overlapped(uint64_t file_offset) {

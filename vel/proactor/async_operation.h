@@ -45,7 +45,9 @@ protected:
                         uint32_t code);
 
     /// What every start looks at first: a handler and a proactor, then a key. Returns 0, or -1 with the code.
-    int check_start() const;
+    int check_start() const {
+        return handler_ != nullptr && proactor_ != nullptr && completion_key_ != 0 ? 0 : refuse_start();
+    }
 
     /// Clears the overlapped part and sets the file position that the request starts at.
     void clear_overlapped(uint64_t file_offset = 0);
@@ -53,6 +55,8 @@ protected:
     uint64_t socket() const { return reinterpret_cast<uint64_t>(handle_); }
 
 private:
+    int refuse_start() const;
+
     uint32_t completion_key_ = 0;
     void* handle_ = VEL_INVALID_HANDLE;
     VEL_Async_Handler* handler_ = nullptr; // one reference

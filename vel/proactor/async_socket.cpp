@@ -7,10 +7,9 @@
 
 namespace vel {
 
-int AsyncSocket::check_open() const {
-    if (socket_ == VEL_INVALID_SOCKET) return fail(error::not_a_socket);
-    if (proactor_ == nullptr) return fail(error::null_member);
-    return 0;
+/// Tells why a closed object can do nothing.
+int AsyncSocket::refuse() const {
+    return fail(socket_ == VEL_INVALID_SOCKET ? error::not_a_socket : error::null_member);
 }
 
 int AsyncSocket::out_of_memory() { return fail(error::not_enough_memory); }

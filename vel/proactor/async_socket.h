@@ -30,7 +30,7 @@ public:
     VEL_Proactor* proactor() const { return proactor_; }
 
     /// 0, or -1 with 10038 (no socket) or 0x20000004 (no proactor).
-    int check_open() const;
+    int check_open() const { return socket_ != VEL_INVALID_SOCKET && proactor_ != nullptr ? 0 : refuse(); }
 
     /// Takes an open socket over and registers it under a new key; on failure the socket is closed.
     /// @param key  receives the completion key
@@ -78,6 +78,7 @@ public:
 
 private:
     static int out_of_memory();
+    int refuse() const;
     bool is(const VEL_Proactor* proactor, uint32_t key) const { return proactor_ == proactor && key_ == key; }
     void close_socket();
     void give_up(VEL_Proactor* proactor, uint32_t key, bool no_timer_close);

@@ -61,18 +61,15 @@ PortQueue::PortQueue(PortEvents& events, uint32_t concurrency)
       id_(next_port_id()),
       useful_(useful_threads(concurrency)) {}
 
-uint32_t PortQueue::push(IoRequest& request) {
-    if (!inbox_.push(request)) return error::port_closed;
-    if (!sleepers_seen()) return error::none; // whoever is awake looks into the inbox before it sleeps
+void PortQueue::wake_for_push() {
     Wake wake;
     {
         const Guard guard(lock_);
-        if (closed_) return error::none;
+        if (closed_) return;
         collect();
         wake = wake_if_needed();
     }
     carry_out(wake);
-    return error::none;
 }
 
 uint32_t PortQueue::take(uint32_t timeout_ms, IoRequest*& request) {
@@ -136,11 +133,6 @@ IoRequest* PortQueue::close() {
     events_.interrupt();
     watchdog_.stop();
     return untaken;
-}
-
-// Read without the lock, behind a push.
-bool PortQueue::sleepers_seen() const {
-    return leader_sleeping_.load(std::memory_order_seq_cst) || has_followers_.load(std::memory_order_seq_cst);
 }
 
 // Threads that will look at the queue before they sleep.

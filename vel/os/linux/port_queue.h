@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <vel/os/error_codes.h>
 #include <vel/os/linux/deadline.h>
 #include <vel/os/linux/port_events.h>
 #include <vel/os/linux/port_inbox.h>
@@ -36,7 +37,11 @@ public:
     PortQueue(PortEvents& events, uint32_t concurrency);
 
     /// Queues a finished request: 0 or 735.
-    uint32_t push(IoRequest& request);
+    uint32_t push(IoRequest& request) {
+        if (!inbox_.push(request)) return error::port_closed;
+        if (sleepers_seen()) wake_for_push(); // whoever is awake looks into the inbox before it sleeps
+        return error::none;
+    }
 
     /// Takes the first finished request: 0, 258 or 735.
     uint32_t take(uint32_t timeout_ms, IoRequest*& request);
@@ -69,7 +74,11 @@ private:
     bool work_waits() const { return ready_ > 0 || (!leader_ && events_enabled_); }
     bool somebody_sleeps() const { return followers_ || leader_sleeps(); }
     bool leader_sleeps() const { return leader_sleeping_.load(std::memory_order_relaxed); }
-    bool sleepers_seen() const;
+    /// Read without the lock, behind a push.
+    bool sleepers_seen() const {
+        return leader_sleeping_.load(std::memory_order_seq_cst) || has_followers_.load(std::memory_order_seq_cst);
+    }
+    void wake_for_push();
     uint32_t awake() const;
 
     struct RunningFor;
