@@ -84,8 +84,6 @@ TEST_F(Archive, WritesTheDocumentedBytes) {
     EXPECT_EQ(archive_.serialize(buffer.data(), buffer.size(), Note(1, "hi")), static_cast<int>(expected.size()));
     EXPECT_EQ(buffer, expected);
     EXPECT_EQ(archive_.get_stype(), 7);
-    EXPECT_EQ(archive_.get_bodysize(), 24u);
-    EXPECT_EQ(archive_.get_elements(), 2u);
     expect_failure(library + 4, archive_.set_element(1, 1)); // the caller's buffer is let go
 }
 

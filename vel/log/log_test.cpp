@@ -92,8 +92,6 @@ TEST_F(Log, LineIsCutWhereItsRoomOrItsTextEnds) {
     const size_t room = 32'768 - time_size - 2;
     log_.log_warning("", 0, "before%cbehind", '\0');
     expect("[WARNING]before");
-    log_.log_error("", 0, "before%ls", L"\xE9"); // not to be shown in the C locale
-    expect("[ERROR]before");
     for (const size_t length : {room - 6, text.size()}) {
         log_.log_info("", 0, "%s", text.substr(0, length).c_str());
         expect("[INFO]" + text.substr(0, room - 6));

@@ -13,7 +13,6 @@ using AsyncStream = ProactorTest;
 
 TEST_F(AsyncStream, LargeWritesArriveWhole) {
     Pair pair = connect_pair();
-    expect_failure(error::already_connected, pair.client->open(proactor.get(), VEL_INET_Addr(1, loopback)));
     std::string sent(size_t{64} << 20, '\0'), received;
     for (size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<char>(i * 2654435761u >> 24);
     Tally done;
@@ -183,11 +182,10 @@ TEST_F(AsyncStream, TakesConnectionsOfAReactor) {
     VEL_Reactor reactor;
     const Ref<VEL_Acceptor> door(new VEL_Acceptor);
     const Ref<Stream> stream(new Stream), refused(new Stream);
-    VEL_INET_Addr address, own;
+    VEL_INET_Addr address;
     char buffer[8];
     ASSERT_EQ(door->open(&reactor, 0, loopback, 0, 0), 0);
     ASSERT_EQ(VELLib::getsockname(door->get_handle(), address), 0);
-    expect_failure(error::would_block, door->accept(proactor.get(), *stream));
     stream->on_input = [&](auto*& op, uint32_t) {
         return op->bytes_transferred() == 0 ? -1 : stream->send(op->read_block(), op->bytes_transferred());
     };
@@ -195,8 +193,6 @@ TEST_F(AsyncStream, TakesConnectionsOfAReactor) {
     VEL_Socket client(2, 1, 0), second(2, 1, 0);
     ASSERT_EQ(client.connect(address, 5000), 0);
     ASSERT_EQ(door->accept(proactor.get(), *stream), 0);
-    EXPECT_EQ(client.getlocaladdr(own), 0);
-    EXPECT_EQ(stream->get_remote_addr(), own);
     ASSERT_EQ(receive(*stream, 8), 0);
     EXPECT_EQ(client.send("hello", 5), 5);
     EXPECT_EQ(client.recv(buffer, sizeof buffer, 5000), 5);

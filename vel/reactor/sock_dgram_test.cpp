@@ -117,11 +117,8 @@ TEST_F(SockDgram, CallbacksMaySuspendCloseAndRefuse) {
     EXPECT_GE(dgram->resume_read(), 0);
     ASSERT_TRUE(serve_reads(2));
     EXPECT_EQ(dgram->closes, Codes{VEL_INPUT_EVENT | VEL_OUTPUT_EVENT});
-    expect_failure(error::not_a_socket, dgram->sendto(text("x"), others_address));
 
     ASSERT_EQ(dgram->open(reactor.get(), address.getport(), "127.0.0.1"), 0) << "a closed one opens anew";
-    Ref<Dgram> second(new Dgram);
-    expect_failure(error::address_in_use, second->open(reactor.get(), address.getport(), loopback));
     ASSERT_EQ(dgram->set_timeout(60000), 0);
     dgram->on["read"] = [] { return -1; };
     arrive("3");

@@ -46,7 +46,6 @@ TEST_F(WindowStream, APollLoopConnectsTransfersAndHearsOfTheEnd) {
     VEL_Socket peer;
     ASSERT_EQ(door.listen(), 0);
     ASSERT_EQ(stream.open(window, 7, "127.0.0.1", address.getport()), 0);
-    EXPECT_EQ(stream.get_remote_addr(), address);
     ASSERT_EQ(door.accept(peer, 10000), 0);
     ASSERT_EQ(stream.send(text(sent)), 0);
     auto reader = std::async(std::launch::async, [&] {

@@ -78,12 +78,12 @@ public:
     Recorder(Journal& journal, std::string name) : journal_(journal), name_(std::move(name)) {}
 
     int handle_signal(void*, VEL_Reactor*) override { return told("signal"); }
-    int handle_connect(void*, VEL_Reactor*, uint32_t code) override { return told("connect", code); }
-    int handle_input(void*, VEL_Reactor*, uint32_t code) override { return told("input", code); }
-    int handle_output(void*, VEL_Reactor*, uint32_t code) override { return told("output", code); }
+    int handle_connect(void*, VEL_Reactor*, uint32_t) override { return told("connect"); }
+    int handle_input(void*, VEL_Reactor*, uint32_t) override { return told("input"); }
+    int handle_output(void*, VEL_Reactor*, uint32_t) override { return told("output"); }
     int handle_close(void* handle, uint32_t mask, VEL_Reactor*) override {
         ended = handle;
-        return told("close", 0, std::to_string(mask));
+        return told("close", std::to_string(mask));
     }
     int handle_timeout(int32_t id, uint32_t& interval_ms, VEL_Reactor*) override {
         timer_id = id;
@@ -103,14 +103,12 @@ public:
 
     VEL_Socket socket, peer;
     // What the last call was told; during a timeout also its interval.
-    std::atomic<uint32_t> error{0};
     std::atomic<void*> ended{nullptr};
     std::atomic<int32_t> timer_id{0};
     std::atomic<uint32_t*> interval{nullptr};
 
 private:
-    int told(const char* what, uint32_t code = 0, const std::string& detail = "") {
-        error = code;
+    int told(const std::string& what, const std::string& detail = "") {
         journal_.write(name_ + "." + what + detail);
         return answer(what);
     }

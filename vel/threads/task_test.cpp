@@ -66,7 +66,6 @@ TEST_F(Task, MessagesAreRefusedByWhatCannotHandleThem) {
     VEL_thread_t plain;
     ASSERT_EQ(manager_.spawn([](void*) { return 0; }, nullptr, plain, 1, 0, 0, nullptr), 0);
     expect_failure(error::not_implemented, manager_.sendMessage(plain, message()));
-    expect_failure(error::not_implemented, manager_.register_handler(plain, task_, task_->get_event(), 1));
     const VEL_thread_t thread = spawn();
     EXPECT_EQ(manager_.sendMessage(1, message()), 0) << "to the group, the plain thread's refusal notwithstanding";
     EXPECT_EQ(manager_.cancel(thread), 0);
