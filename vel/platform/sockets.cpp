@@ -38,6 +38,11 @@ uint64_t accept_code(uint64_t socket, VEL_INET_Addr& peer) {
 // The overlapped calls of the system take files as well, and speak of handles.
 bool is_foreign(uint64_t socket, const OVERLAPPED* overlapped) { return overlapped && !os::is_socket(socket); }
 
+// The notice of a connection that broke comes with its error, also when the receive is what brings it to light.
+bool tells_of_a_break(uint32_t code) {
+    return code == error::connection_reset || code == error::connection_aborted || code == error::socket_timed_out;
+}
+
 // Timed calls leave the socket non-blocking, time-outs and failures included.
 uint32_t wait_nonblocking(uint64_t socket, SocketWait what, uint32_t timeout_ms) {
     const uint32_t code = os::set_nonblocking(socket, true);
@@ -104,8 +109,8 @@ int recv(uint64_t socket, void* buffer, uint64_t size, bool& closed, uint32_t ti
     closed = false;
     if (const uint32_t code = wait_nonblocking(socket, SocketWait::readable, timeout_ms)) return report(code);
     uint64_t moved = 0;
-    if (os::receive(socket, buffer, transfer_size(size), moved)) {
-        SetErrorCode(error::none); // not the code of the receive, on purpose
+    if (const uint32_t code = os::receive(socket, buffer, transfer_size(size), moved)) {
+        SetErrorCode(tells_of_a_break(code) ? code : error::none); // else not the code of the receive, on purpose
         return -1;
     }
     // Judged after the receive, so that the call that takes the last bytes says so and none is left behind.

@@ -14,6 +14,7 @@
 // gives -1 with 997 and the record arrives at the port; on any other socket the transfer is made at once.
 #pragma once
 
+#include <concepts>
 #include <vel/platform/inet_addr.h>
 #include <vel/types.h>
 
@@ -46,7 +47,8 @@ VEL_API int connect(uint64_t socket, const VEL_INET_Addr& address, uint32_t time
 
 /// Receives what is there, within a time-out.
 /// @param closed  cleared at entry; set when the peer has closed and this call left nothing to read
-/// @return bytes received, 0 once the peer has closed; -1 with 258, or with 0 when the receive itself failed
+/// @return bytes received, 0 once the peer has closed; -1 with 258, with the code of a connection that broke (10053,
+///         10054, 10060), or with 0x20000001 when the receive itself failed
 VEL_API int recv(uint64_t socket, void* buffer, uint64_t size, bool& closed, uint32_t timeout_ms);
 
 /// One receive. Returns the bytes received, 0 once the peer has closed.
@@ -67,14 +69,17 @@ VEL_API int send(uint64_t socket, const void* data, uint64_t size, OVERLAPPED* o
 VEL_API int sendto(uint64_t socket, const void* data, uint64_t size, const VEL_INET_Addr& to, uint32_t timeout_ms);
 VEL_API int sendto(uint64_t socket, const void* data, uint64_t size, const VEL_INET_Addr& to, OVERLAPPED* overlapped);
 
-/// A literal 0 is a time-out of 0 milliseconds; pass a null OVERLAPPED as nullptr.
-inline int recvfrom(uint64_t socket, void* buffer, uint64_t size, VEL_INET_Addr& from, int timeout_ms) {
+/// Time-outs of other types, a literal 0 too; pass a null OVERLAPPED as nullptr.
+template <std::integral Time>
+int recvfrom(uint64_t socket, void* buffer, uint64_t size, VEL_INET_Addr& from, Time timeout_ms) {
     return recvfrom(socket, buffer, size, from, static_cast<uint32_t>(timeout_ms));
 }
-inline int send(uint64_t socket, const void* data, uint64_t size, int timeout_ms) {
+template <std::integral Time>
+int send(uint64_t socket, const void* data, uint64_t size, Time timeout_ms) {
     return send(socket, data, size, static_cast<uint32_t>(timeout_ms));
 }
-inline int sendto(uint64_t socket, const void* data, uint64_t size, const VEL_INET_Addr& to, int timeout_ms) {
+template <std::integral Time>
+int sendto(uint64_t socket, const void* data, uint64_t size, const VEL_INET_Addr& to, Time timeout_ms) {
     return sendto(socket, data, size, to, static_cast<uint32_t>(timeout_ms));
 }
 

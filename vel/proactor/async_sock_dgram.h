@@ -1,6 +1,7 @@
 // UDP socket on a proactor.
 #pragma once
 
+#include <concepts>
 #include <vel/proactor/async_dgram_io.h>
 #include <vel/proactor/async_handler_impl.h>
 #include <vel/proactor/async_socket.h>
@@ -32,7 +33,8 @@ public:
 
     /// The same with a host name or dotted address; null for all addresses.
     int open(VEL_Proactor* proactor, uint16_t port, const char* addr);
-    int open(VEL_Proactor* proactor, uint16_t port, int addr) {
+    template <std::integral Address>
+    int open(VEL_Proactor* proactor, uint16_t port, Address addr) {
         return open(proactor, port, static_cast<uint32_t>(addr));
     }
 

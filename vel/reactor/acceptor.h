@@ -1,6 +1,7 @@
 // Listening TCP socket on a reactor.
 #pragma once
 
+#include <concepts>
 #include <vel/reactor/reactor_socket.h>
 
 class VEL_Async_SOCK_Stream;
@@ -43,7 +44,8 @@ public:
 
     /// The same with a host name or dotted address; null for all addresses.
     int open(VEL_Reactor* reactor, uint16_t port, const char* host, int receive_buffer, int send_buffer);
-    int open(VEL_Reactor* reactor, uint16_t port, int host, int receive_buffer, int send_buffer) {
+    template <std::integral Host>
+    int open(VEL_Reactor* reactor, uint16_t port, Host host, int receive_buffer, int send_buffer) {
         return open(reactor, port, static_cast<uint32_t>(host), receive_buffer, send_buffer);
     }
 

@@ -1,6 +1,7 @@
 // UDP socket on a reactor.
 #pragma once
 
+#include <concepts>
 #include <optional>
 #include <vel/buffers/byte_block.h>
 #include <vel/memory/queue.h>
@@ -63,7 +64,10 @@ public:
 
     /// The same with a host name or dotted address; null for all addresses.
     int open(VEL_Reactor* reactor, uint16_t port, const char* host);
-    int open(VEL_Reactor* reactor, uint16_t port, int host) { return open(reactor, port, static_cast<uint32_t>(host)); }
+    template <std::integral Host>
+    int open(VEL_Reactor* reactor, uint16_t port, Host host) {
+        return open(reactor, port, static_cast<uint32_t>(host));
+    }
 
     /// Sends the whole block as one datagram, behind what waits already; what the socket does not take is kept, by a
     /// share of the buffer, and sent at the next output notices. Never calls `handle_write_dgram`. A datagram that the

@@ -1,6 +1,7 @@
 // Socket object on which the stream, datagram and window-message sockets build.
 #pragma once
 
+#include <concepts>
 #include <vel/platform/inet_addr.h>
 #include <vel/platform/sockets.h>
 #include <vel/types.h>
@@ -49,7 +50,10 @@ public:
     /// @param host  address in host order, or text as VEL_INET_Addr takes it
     int bind(const VEL_INET_Addr& address);
     int bind(uint16_t port, uint32_t host);
-    int bind(uint16_t port, int host) { return bind(port, static_cast<uint32_t>(host)); }
+    template <std::integral Host>
+    int bind(uint16_t port, Host host) {
+        return bind(port, static_cast<uint32_t>(host));
+    }
     int bind(uint16_t port, const char* host);
 
     int connect(const VEL_INET_Addr& address);
