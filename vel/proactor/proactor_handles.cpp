@@ -109,8 +109,12 @@ int VEL_Proactor::close_handle(uint32_t key) {
     VEL_Guard guard(lock_);
     const VEL_Handle_Set* set = find(key);
     if (set == nullptr) return -1;
-    // The one callback under the lock: the registration, and with it the handler, must not end before it is over.
-    set->handler->close_handle();
+    // The one callback under the lock: nobody else ends the registration before it is over. The handler itself may.
+    VEL_Async_Handler* handler = set->handler;
+    handler->addref();
+    handler->close_handle();
+    guard.unlock();
+    handler->release();
     return 0;
 }
 
