@@ -3,6 +3,7 @@
 
 #include <new>
 #include <sys/epoll.h>
+#include <thread>
 #include <utility>
 #include <vel/os/error_codes.h>
 #include <vel/os/linux/completion_port.h>
@@ -16,6 +17,16 @@ using Guard = std::lock_guard<PortDirection>;
 
 // Requests finished in one go before other handles get their turn.
 constexpr int requests_per_turn = 16;
+
+// Who only passes through, with an event that comes late, say, has gone after a few tries.
+bool lock_soon(std::unique_lock<PortDirection>& guard) {
+    constexpr int most_tries = 100;
+    for (int tries = 0; tries < most_tries; ++tries) {
+        if (guard.try_lock()) return true;
+        std::this_thread::yield();
+    }
+    return false;
+}
 
 bool is_for_socket(const IoRequest& request) { return kind_of(request) < IoKind::read_file; }
 
@@ -177,9 +188,9 @@ void PortBinding::detach() {
 }
 
 bool PortBinding::renew() {
-    const std::unique_lock input(input_, std::try_to_lock);
-    const std::unique_lock output(output_, std::try_to_lock);
-    if (!input || !output) return false;
+    std::unique_lock input(input_, std::defer_lock);
+    std::unique_lock output(output_, std::defer_lock);
+    if (!lock_soon(input) || !lock_soon(output)) return false;
     if (!port_) return true;
     input_.ready = output_.ready = true;
     input_.drain = output_.drain = false;
