@@ -22,6 +22,7 @@ function(vel_folder name)
     add_library(vel_${name} OBJECT ${folder_SOURCES})
     target_include_directories(vel_${name} PUBLIC ${PROJECT_SOURCE_DIR})
     target_compile_definitions(vel_${name} PRIVATE VEL_VERSION="${PROJECT_VERSION}")
+    target_compile_options(vel_${name} PRIVATE -fno-semantic-interposition) # exported functions are inlined as well
 
     if(VEL_TESTS AND folder_TESTS)
         add_executable(${name}_test ${folder_TESTS})
