@@ -33,6 +33,13 @@ void PortObject::detach() {
     while (bindings_) release(*bindings_);
 }
 
+void PortObject::abandon(uint32_t thread_id) {
+    if (!queue_.abandon(thread_id)) return;
+    const std::lock_guard associations(associations_lock());
+    for (PortBinding* each = bindings_; each; each = each->next_)
+        if (each->is_socket_) events_.repeat(each->descriptor_, *each); // its edge may have been fetched in vain
+}
+
 void PortObject::release(PortBinding& binding) {
     const Guard input(binding.input_);
     const Guard output(binding.output_);

@@ -28,6 +28,9 @@ public:
     /// The port is being closed: frees the waiters and lets all handles go.
     void detach() override;
 
+    /// Others lead and wait in the place of a thread that was ended by force.
+    void abandon(uint32_t thread_id) override;
+
     uint32_t associate(HandleObject& object, HandleKind kind, uint32_t key);
 
     /// The request has ended with this code and the bytes in its record: its completion becomes ready.

@@ -1,6 +1,8 @@
-// The completion port at the limit of descriptors.
+// The completion port at the limit of descriptors, and without the threads that waited at it.
 #include <sys/resource.h>
 #include <unistd.h>
+#include <vel/os/linux/testing/lock_waiter.h>
+#include <vel/os/thread.h>
 #include <vel/testing/completion_port_fixture.h>
 
 namespace vel::os::testing {
@@ -41,6 +43,27 @@ void limit_descriptors(rlim_t count) {
 
 TEST(CompletionPortLimits, AcceptOutOfDescriptorsIsReportedAndLosesNoConnection) {
     EXPECT_EXIT(accept_at_the_descriptor_limit(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(CompletionPort, KilledWaitersHoldUpNobody) {
+    if (vel::testing::delays_signals) GTEST_SKIP() << "a killed thread is never joined";
+    const Pair pair = connected(1);
+    std::array<void*, 3> threads{}; // one leads, two follow
+    for (void*& thread : threads) {
+        const auto wait = [](void* port) {
+            Completion completion;
+            return wait_completion(port, VEL_INFINITE, completion);
+        };
+        uint32_t id = 0, previous = 0;
+        ASSERT_EQ(create_thread(wait, port_, 0, thread, id) + resume_thread(thread, previous), 0u);
+        ASSERT_TRUE(vel::testing::comes_to_sleep_in(id, {SYS_epoll_pwait2, SYS_futex}));
+        keep(thread);
+    }
+    for (const size_t victim : {1, 0, 2}) ASSERT_EQ(terminate_thread(threads[victim], 1), 0u);
+    Request request;
+    ASSERT_EQ(start_receive(pair.server, request), 0u);
+    send_text(pair.client, "hello");
+    expect(request, 5);
 }
 
 } // namespace

@@ -2,10 +2,12 @@
 #include <vel/os/linux/port_queue.h>
 
 #include <algorithm>
+#include <new>
 #include <thread>
 #include <utility>
 #include <vel/os/error_codes.h>
 #include <vel/os/linux/futex.h>
+#include <vel/os/thread.h>
 
 namespace vel::os {
 namespace {
@@ -55,11 +57,22 @@ PortQueue::RunningFor& PortQueue::note_of_thread(uint64_t port) {
     return notes[0];
 }
 
+// The calling thread, without a system call each time.
+uint32_t PortQueue::caller_id() {
+    static constinit thread_local uint32_t id __attribute__((tls_model("initial-exec"))) = 0;
+    if (id == 0) id = current_thread_id();
+    return id;
+}
+
 PortQueue::PortQueue(PortEvents& events, uint32_t concurrency)
     : events_(events),
       watchdog_(*this),
       id_(next_port_id()),
       useful_(useful_threads(concurrency)) {}
+
+PortQueue::~PortQueue() {
+    for (FollowerList* list : {&followers_, &called_, &spare_}) list->clear();
+}
 
 void PortQueue::wake_for_push() {
     Wake wake;
@@ -114,6 +127,25 @@ void PortQueue::enable_events() {
     carry_out(wake);
 }
 
+bool PortQueue::abandon(uint32_t thread_id) {
+    Wake wake;
+    bool led;
+    {
+        const Guard guard(lock_);
+        led = leader_ == thread_id;
+        if (led) {
+            leader_ = 0;
+            interrupted_ = false;
+            leader_sleeping_.store(false, std::memory_order_relaxed);
+        }
+        for (FollowerList* list : {&followers_, &called_})
+            if (Follower* follower = list->find(thread_id)) leave(*follower);
+        if (!closed_) wake = wake_if_needed();
+    }
+    carry_out(wake);
+    return led;
+}
+
 IoRequest* PortQueue::close() {
     IoRequest* untaken = nullptr;
     {
@@ -123,11 +155,9 @@ IoRequest* PortQueue::close() {
         untaken = std::exchange(head_, nullptr);
         tail_ = nullptr;
         ready_ = 0;
-        while (followers_) {
-            Follower& follower = *followers_;
-            unlink(follower);
-            follower.woken.store(1, std::memory_order_release);
-            futex_wake_one(&follower.woken); // the lock keeps it from leaving; this is the one call made under it
+        while (Follower* follower = followers_.first) {
+            call(*follower);
+            futex_wake_one(&follower->woken); // the one call made under the lock
         }
     }
     events_.interrupt();
@@ -181,7 +211,7 @@ int64_t PortQueue::pace_clock() const { return useful_ > 1 ? monotonic_ns() : 0;
 void PortQueue::lead(Guard& guard, const Deadline& deadline) {
     constexpr timespec at_once{0, 0};
     timespec storage;
-    leader_ = true;
+    leader_ = caller_id();
     taken_since_poll_ = 0;
     pace_.pause(pace_clock());
     if (ready_ == 0) {
@@ -195,15 +225,20 @@ void PortQueue::lead(Guard& guard, const Deadline& deadline) {
     const int64_t now_ns = pace_clock();
     guard.lock();
     pace_.resume(now_ns);
-    leader_ = false;
+    leader_ = 0;
     interrupted_ = false;
 }
 
 void PortQueue::follow(Guard& guard, const Deadline& deadline) {
-    Follower self;
-    link(self);
+    if (!have_spare_follower(guard)) return;
+    Follower& self = *spare_.first;
+    spare_.remove(self);
+    self.woken.store(0, std::memory_order_relaxed);
+    self.thread = caller_id();
+    followers_.push(self);
+    has_followers_.store(true, std::memory_order_seq_cst);
     collect();
-    if (ready_ > 0) return unlink(self);
+    if (ready_ > 0) return leave(self);
     pace_.pause(pace_clock());
     guard.unlock();
     timespec storage;
@@ -212,23 +247,58 @@ void PortQueue::follow(Guard& guard, const Deadline& deadline) {
     const int64_t now_ns = pace_clock();
     guard.lock();
     pace_.resume(now_ns);
-    if (!self.woken.load(std::memory_order_relaxed))
-        unlink(self);
-    else if (!closed_)
+    leave(self);
+}
+
+// Without one, the caller is to look again: the lock was free meanwhile.
+bool PortQueue::have_spare_follower(Guard& guard) {
+    if (spare_.first) return true;
+    guard.unlock();
+    auto* fresh = new (std::nothrow) Follower;
+    if (!fresh) std::this_thread::yield();
+    guard.lock();
+    if (fresh) spare_.push(*fresh);
+    return false;
+}
+
+void PortQueue::leave(Follower& follower) {
+    if (follower.woken.load(std::memory_order_relaxed)) {
+        called_.remove(follower);
         --waking_;
+    } else {
+        followers_.remove(follower);
+        if (!followers_.first) has_followers_.store(false, std::memory_order_relaxed);
+    }
+    spare_.push(follower);
 }
 
-void PortQueue::link(Follower& follower) {
-    follower.next = followers_;
-    if (followers_) followers_->previous = &follower;
-    followers_ = &follower;
-    has_followers_.store(true, std::memory_order_seq_cst);
+void PortQueue::call(Follower& follower) {
+    followers_.remove(follower);
+    if (!followers_.first) has_followers_.store(false, std::memory_order_relaxed);
+    called_.push(follower);
+    ++waking_;
+    follower.woken.store(1, std::memory_order_release);
 }
 
-void PortQueue::unlink(Follower& follower) {
-    (follower.previous ? follower.previous->next : followers_) = follower.next;
-    if (follower.next) follower.next->previous = follower.previous;
-    if (!followers_) has_followers_.store(false, std::memory_order_relaxed);
+void PortQueue::FollowerList::push(Follower& follower) {
+    follower.next = first;
+    first = &follower;
+}
+
+void PortQueue::FollowerList::remove(const Follower& follower) {
+    Follower** link = &first;
+    while (*link != &follower) link = &(*link)->next;
+    *link = follower.next;
+}
+
+PortQueue::Follower* PortQueue::FollowerList::find(uint32_t thread) const {
+    Follower* each = first;
+    while (each && each->thread != thread) each = each->next;
+    return each;
+}
+
+void PortQueue::FollowerList::clear() {
+    while (first) delete std::exchange(first, first->next);
 }
 
 // Called after every change that may leave work with nobody to do it.
@@ -245,12 +315,9 @@ PortQueue::Wake PortQueue::wake_if_needed() {
 
 PortQueue::Wake PortQueue::wake_one() {
     Wake wake;
-    if (followers_) {
-        Follower& follower = *followers_;
-        unlink(follower);
-        ++waking_;
-        wake.follower = &follower.woken;
-        follower.woken.store(1, std::memory_order_release);
+    if (Follower* follower = followers_.first) {
+        call(*follower);
+        wake.follower = &follower->woken;
     } else if (leader_sleeps()) {
         leader_sleeping_.store(false, std::memory_order_relaxed);
         interrupted_ = true;

@@ -35,6 +35,7 @@ namespace vel::os {
 class PortQueue {
 public:
     PortQueue(PortEvents& events, uint32_t concurrency);
+    ~PortQueue();
 
     /// Queues a finished request: 0 or 735.
     uint32_t push(IoRequest& request) {
@@ -49,16 +50,29 @@ public:
     /// From now on there is readiness to wait for.
     void enable_events();
 
+    /// The thread was ended by force in `take`: nobody waits for it any more. True when it led, and what it may have
+    /// fetched is lost.
+    bool abandon(uint32_t thread_id);
+
     /// Frees every waiter for good. Returns the chain of requests that nobody took.
     IoRequest* close();
 
 private:
     friend class PortWatchdog;
 
+    /// A sleeper's own record. The queue's memory: the sleeper may be ended by force.
     struct Follower {
         std::atomic<uint32_t> woken{0};
+        uint32_t thread = 0;
         Follower* next = nullptr;
-        Follower* previous = nullptr;
+    };
+    struct FollowerList {
+        Follower* first = nullptr; // the last that came
+
+        void push(Follower& follower);
+        void remove(const Follower& follower);
+        Follower* find(uint32_t thread) const;
+        void clear();
     };
 
     /// What is left to do for a sleeper once the lock is free.
@@ -72,7 +86,7 @@ private:
     using Guard = std::unique_lock<ShortLock>;
 
     bool work_waits() const { return ready_ > 0 || (!leader_ && events_enabled_); }
-    bool somebody_sleeps() const { return followers_ || leader_sleeps(); }
+    bool somebody_sleeps() const { return followers_.first || leader_sleeps(); }
     bool leader_sleeps() const { return leader_sleeping_.load(std::memory_order_relaxed); }
     /// Read without the lock, behind a push.
     bool sleepers_seen() const {
@@ -83,6 +97,7 @@ private:
 
     struct RunningFor;
     static RunningFor& note_of_thread(uint64_t port);
+    static uint32_t caller_id();
     void come_back(RunningFor& mine);
     Wake go_out(RunningFor& mine);
     void collect();
@@ -91,8 +106,9 @@ private:
     int64_t pace_clock() const;
     void lead(Guard& guard, const Deadline& deadline);
     void follow(Guard& guard, const Deadline& deadline);
-    void link(Follower& follower);
-    void unlink(Follower& follower);
+    bool have_spare_follower(Guard& guard);
+    void leave(Follower& follower);
+    void call(Follower& follower);
     Wake wake_if_needed();
     Wake wake_one();
     void carry_out(const Wake& wake);
@@ -112,13 +128,13 @@ private:
     IoRequest* head_ = nullptr;
     IoRequest* tail_ = nullptr;
     uint32_t ready_ = 0;
-    Follower* followers_ = nullptr; // last to sleep first
+    FollowerList followers_;
     uint32_t running_ = 0;
     uint32_t epoch_ = 0; // counts how often the watchdog gave up on those running
     uint32_t waking_ = 0;
     uint32_t taken_since_poll_ = 0;
     PortPace pace_;
-    bool leader_ = false;
+    uint32_t leader_ = 0; // its thread; 0 while nobody leads
     bool interrupted_ = false;
     bool events_enabled_ = false;
     bool closed_ = false;
@@ -128,6 +144,8 @@ private:
     uint32_t quiet_ticks_ = 0;
     uint64_t taken_ = 0;
     uint64_t taken_last_tick_ = 0;
+    FollowerList called_; // woken, on their way back; `waking_` counts them
+    FollowerList spare_;
 };
 
 } // namespace vel::os
