@@ -147,37 +147,6 @@ TEST_F(AsyncStream, ClosingTheProactorEndsEverything) {
     }
 }
 
-TEST_F(AsyncStream, FiveThousandConnectionsExchangeAtOnce) {
-    constexpr int connections = 5000;
-    std::vector<VEL_Socket> clients(connections), spare(connections + 200);
-    for (auto* sockets : {&clients, &spare})
-        for (VEL_Socket& socket : *sockets)
-            if (socket.open(2, 1, 0) < 0) GTEST_SKIP() << "the limit of open files is too low";
-    for (VEL_Socket& socket : spare) socket.close();
-    Tally ended;
-    Ref<Acceptor> acceptor = listen([&](Ref<Stream> stream) {
-        Stream* self = stream.get();
-        self->on_input = [&, self](auto*& op, uint32_t error) {
-            const size_t bytes = op->bytes_transferred();
-            return error == 0 && bytes != 0 ? self->send(op->read_block(), bytes) : ended.add() - 1;
-        };
-        self->on_output = [self](auto*&, uint32_t error) { return error != 0 ? -1 : receive(*self, 16); };
-        EXPECT_EQ(receive(*self, 16), 0);
-    });
-    for (int i = 0; i < 63; ++i) ASSERT_EQ(acceptor->accept(), 0);
-    for (VEL_Socket& client : clients) {
-        ASSERT_EQ(client.connect(address_of(*acceptor)), 0);
-        ASSERT_EQ(client.send("ping", 4), 4);
-    }
-    for (VEL_Socket& client : clients) {
-        char answer[4];
-        EXPECT_EQ(client.recv(answer, 4, 30000), 4);
-        client.close();
-    }
-    EXPECT_TRUE(ended.reaches(connections));
-    proactor->close();
-}
-
 TEST_F(AsyncStream, TakesConnectionsOfAReactor) {
     VEL_Reactor reactor;
     const Ref<VEL_Acceptor> door(new VEL_Acceptor);

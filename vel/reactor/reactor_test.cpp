@@ -69,6 +69,17 @@ TEST_F(ReactorTest, RegistersSixtyThree) {
     expect_failure(error::object_closed, reactor->register_handler(&a, named, VEL_SIGNAL_EVENT));
 }
 
+TEST_F(ReactorTest, APeersEndIsInputUntilARemoval) {
+    Recorder& graceful = connected("a", 12);
+    EXPECT_EQ(cycle(), "a.output");
+    EXPECT_EQ(reactor->remove_handler(graceful.handle(), &graceful, VEL_OUTPUT_EVENT | VEL_NO_CLOSE_CALL), 1);
+    EXPECT_EQ(graceful.references(), 2);
+    graceful.peer.close();
+    EXPECT_EQ(quiet(), "") << "a removal ends the notice of the close too";
+    EXPECT_EQ(reactor->register_handler(graceful.handle(), &graceful, VEL_INPUT_EVENT), 1);
+    EXPECT_EQ(cycle(), "a.input");
+}
+
 TEST_F(ReactorTest, EndsFromInsideEveryCall) {
     Recorder* self = nullptr;
     void* signal = nullptr;
