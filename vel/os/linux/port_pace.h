@@ -14,9 +14,9 @@ class PortPace {
 public:
     void took_one() { ++taken_; }
 
-    /// A thread goes to sleep: a spell of work is over.
+    /// A thread goes to sleep: a spell of work is over. What was taken before the first of them has no beginning.
     void pause(int64_t now_ns) {
-        if (taken_ > 0) mean_ns_ = (mean_ns_ * 3 + (now_ns - began_ns_) / taken_) / 4;
+        if (taken_ > 0 && began_ns_ > 0) mean_ns_ = (mean_ns_ * 3 + (now_ns - began_ns_) / taken_) / 4;
         resume(now_ns);
     }
 
