@@ -148,7 +148,8 @@ uint32_t HandleTable::generation(void* handle) {
 
 PortBinding* HandleTable::port_binding(uint64_t handle) {
     Slot* slot = find_slot(descriptor_of(reinterpret_cast<void*>(handle)));
-    return slot ? slot->port_binding.load(std::memory_order_acquire) : nullptr;
+    if (!slot || kind_of(slot->word.load(std::memory_order_acquire)) == HandleKind::none) return nullptr;
+    return slot->port_binding.load(std::memory_order_acquire);
 }
 
 // The model is repeated: the compiler forgets that of the declaration here, and would call for the variable's address.

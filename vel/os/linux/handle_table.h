@@ -61,8 +61,8 @@ public:
     /// Tells the handle from earlier and later ones with its number; 0 for none.
     static uint32_t generation(void* handle);
 
-    /// What `HandleObject::port_binding` gave when the handle was opened. May be that of a handle which has been closed,
-    /// so it is for those only who can tell.
+    /// What `HandleObject::port_binding` gave when the handle was opened; null once it is closed. Nothing keeps the
+    /// handle open meanwhile, so it is for those only who can tell whether the binding is still that of the handle.
     static PortBinding* port_binding(uint64_t handle);
 };
 
