@@ -205,9 +205,12 @@ bool SocketNotices::has_peer() const {
     return ::getpeername(owner_.descriptor(), reinterpret_cast<sockaddr*>(&peer), &length) == 0;
 }
 
+// The number ends where an urgent byte was, and is 0 there whatever stands behind it.
 bool SocketNotices::has_unread() const {
     int unread = 0;
-    return ::ioctl(owner_.descriptor(), FIONREAD, &unread) == 0 && unread > 0;
+    if (::ioctl(owner_.descriptor(), FIONREAD, &unread) == 0 && unread > 0) return true;
+    char byte;
+    return urgent_ && ::recv(owner_.descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
 
 uint32_t SocketNotices::take_error() const {

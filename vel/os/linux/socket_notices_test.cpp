@@ -1,7 +1,9 @@
 // Tests of edges that are older than what has happened to their socket since.
 #include <vel/os/linux/socket_notices.h>
 
+#include <cstring>
 #include <mutex>
+#include <utility>
 #include <vel/os/linux/notice_sink.h>
 #include <vel/os/linux/socket_object.h>
 #include <vel/testing/os_fixture.h>
@@ -69,6 +71,28 @@ TEST_F(LateEdges, AreNotTrustedWhenTheSocketHasOutlivedThem) {
     EXPECT_EQ(sink_.apply(client), 0u);
     object->notices.received(mark, error::would_block, true);
     EXPECT_EQ(object->notices.take().mask, notice::read);
+}
+
+TEST_F(LateEdges, AreNotNeededForWhatStandsBehindAnUrgentByte) {
+    Address address;
+    const uint64_t listener = keep(open_listener(address)), client = keep(open(stream));
+    ASSERT_EQ(connect_socket(client, &address, sizeof address), error::none);
+    const uint64_t server = keep(accept_from(listener));
+    ASSERT_EQ(sink_.bind(server), error::none);
+    const auto apply_edge = [&] { return sink_.fetch_edge() ? sink_.apply(server) : 0; };
+    for (const auto& [text, flags] : {std::pair{"before", 0}, {"!", MSG_OOB}, {"behind", 0}}) {
+        ASSERT_GT(::send(static_cast<int>(client), text, std::strlen(text), flags), 0);
+        apply_edge();
+    }
+    char text[6];
+    uint64_t moved = 0;
+    ASSERT_EQ(receive(server, text, sizeof text, moved), error::none); // ends where the urgent byte was
+    const Pinned<SocketObject> object(server, HandleKind::socket);
+    EXPECT_EQ(object->notices.take().mask, notice::read);
+    ASSERT_EQ(shutdown_socket(client, 1), error::none);
+    EXPECT_EQ(apply_edge(), 0u); // not closed yet: "behind" is unread
+    ASSERT_EQ(receive(server, text, sizeof text, moved), error::none);
+    EXPECT_EQ(object->notices.take().mask, notice::close);
 }
 
 } // namespace
