@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <new>
 #include <vel/platform/inet_addr.h>
 #include <vel/proactor/async_operation.h>
@@ -69,10 +70,10 @@ public:
     int start(VEL_Async_Handler* owner, Start start) {
         VEL_Guard guard(lock_);
         if (check_open() < 0) return -1;
-        auto* op = new (std::nothrow) Operation(proactor(), key(), handle(), owner);
+        std::unique_ptr<Operation> op(new (std::nothrow) Operation(proactor(), key(), handle(), owner));
         if (op == nullptr) return out_of_memory();
-        int result = start(*op);
-        if (result < 0) delete op;
+        const int result = start(*op);
+        if (result >= 0) op.release(); // the port's now
         return result;
     }
 

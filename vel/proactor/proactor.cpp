@@ -80,9 +80,13 @@ void VEL_Proactor::close() {
 
 uint32_t VEL_Proactor::calc_thr_count() { return 2 * os::processor_count(); }
 
+/// Leaves the thread's code alone.
 bool VEL_Proactor::is_own_thread() {
+    const uint32_t code = VELLib::GetErrorCode();
     const VEL_thread_t self = VEL_Thread_Manager::thr_self();
-    return !self.invalid() && threads_.get_grp(self) >= 0;
+    const bool own = !self.invalid() && threads_.get_grp(self) >= 0;
+    VELLib::SetErrorCode(code);
+    return own;
 }
 
 /// Makes the parts and starts the threads, under the lock; throws.

@@ -4,7 +4,6 @@
 #include <new>
 #include <vel/frame/fail.h>
 #include <vel/os/completion_port.h>
-#include <vel/os/handle.h>
 #include <vel/platform/sockets.h>
 #include <vel/proactor/async_dgram_io.h>
 #include <vel/proactor/async_post.h>
@@ -142,25 +141,22 @@ int VEL_Proactor::sendMessage(uint32_t key, const VEL_Message_Block& message) {
     });
 }
 
-/// Starts a send to the handle of a key. The lock is not held during the start; a share of the handle keeps its number
-/// from being closed and given out again meanwhile.
+/// Starts a send to the handle of a key. Nothing is held during the start: the operation is aimed at that handle and fails
+/// once it is closed, whatever its number stands for by then.
 template <class Operation, class Prepare>
 int VEL_Proactor::start_send(uint32_t key, const VEL_Byte_Block& data, size_t length, Prepare prepare) {
     if (port_ == nullptr) return vel::fail(error::null_member);
-    VEL_Guard guard(lock_);
-    const VEL_Handle_Set* set = find(key);
-    if (set == nullptr) return -1;
-    void* handle = set->handle;
-    if (os::share_handle(handle) != error::none) return vel::fail(error::not_a_socket);
-    auto* op = new (std::nothrow) Operation(this, key, handle, set->handler);
-    guard.unlock();
-    int result = op == nullptr ? vel::fail(error::not_enough_memory) : 0;
-    if (op != nullptr) {
-        prepare(*op);
-        result = op->write(data, length, 0);
-    }
-    if (result < 0) delete op;
-    os::close_handle(handle);
+    std::unique_ptr<Operation> op;
+    const int made = read_table([&]() VEL_NO_THREAD_SAFETY_ANALYSIS {
+        const VEL_Handle_Set* set = find(key);
+        if (set == nullptr) return -1;
+        op.reset(new (std::nothrow) Operation(this, key, set->handle, set->handler));
+        return op == nullptr ? vel::fail(error::not_enough_memory) : 0;
+    });
+    if (made < 0) return made;
+    prepare(*op);
+    const int result = op->write(data, length, 0);
+    if (result >= 0) op.release(); // the port's now
     return result;
 }
 

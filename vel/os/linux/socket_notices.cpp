@@ -97,10 +97,14 @@ void SocketNotices::close() {
 }
 
 bool SocketNotices::renew(uint32_t& code) {
-    const std::lock_guard bindings(NoticeSink::bindings_lock());
     {
         const Change change(*this);
         phase_ = Phase::connected;
+        if (!bound()) return false; // most are not, and need not wait for the bindings of others
+    }
+    const std::lock_guard bindings(NoticeSink::bindings_lock());
+    {
+        const Change change(*this);
         NoticeSink* sink = sink_.load(std::memory_order_relaxed);
         if (!sink) return false;
         code = sink->enter(owner_); // the system has dropped the former connection's
