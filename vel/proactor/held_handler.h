@@ -9,9 +9,9 @@ namespace vel {
 
 /// Keeps the handler that its thread is calling, over several calls in a row where there are such.
 ///
-/// The references of operations that are deleted meanwhile become its own, instead of being dropped one by one: the
-/// counter is another thread's at this moment more often than not. All are dropped before the thread calls
-/// another handler or sleeps. Dispatching inside a callback has a holder of its own.
+/// An operation that is deleted meanwhile leaves its reference to the holder. Dropping each at once would fetch, with
+/// every completion, the counter from the processor of the thread that wrote it last. All are dropped before the thread
+/// calls another handler or sleeps. A callback that dispatches has a holder of its own.
 ///
 /// Threads:   the one that made it.
 class HeldHandler {

@@ -40,7 +40,9 @@ struct VEL_Handle_Set {
 ///            without it; `close_handle` of a handler is the exception. The callbacks of one handler may run on several
 ///            workers at once. A worker dispatches without taking a lock.
 /// Ownership: the proactor keeps one reference to a handler for each registration and each timer, and one during each
-///            call. It never closes a registered handle: that is its handler's part, in `handle_close`.
+///            call. A worker may drop the latter, and those of operations that were deleted in the call, only when it
+///            has taken its next completion, so a handler's destructor must not wait for other callbacks. The proactor
+///            never closes a registered handle: that is its handler's part, in `handle_close`.
 /// Errors:    -1 with the thread's code: 0x20000004 not open, 0x20000007 closing, 0x20000014 completion key 0,
 ///            0x2000000A unknown key, 0x20000015 too many workers, 8, 87, or the system's code. Messages that can no
 ///            longer be delivered are answered with -1 and 0x20000007, so that a waiting sender goes on.

@@ -146,10 +146,10 @@ public:
 
     bool contains(int32_t id) const { return engine_.contains(id); }
 
-    /// The first timer if it is due; it stays in the queue. A pass takes what is due one after the other, and
-    /// reschedules or cancels each. Its guard against timers that are due again at once is deliberate as it stands: it
-    /// ends where the timer that it began with comes round. Another one with a short interval runs until then, and the
-    /// place of one that has ended goes to the timer at hand.
+    /// The first timer if it is due; it stays in the queue. A pass asks until there is none, and reschedules or cancels
+    /// each that it gets. Lest timers that are due again at once keep it for ever, it also ends where the timer that it
+    /// began with comes round; when that has ended, the one at hand takes its part. Deliberate as it stands: another
+    /// timer with a short interval may be called several times in a pass.
     /// @param clock       tells the time; it is asked only where `now_ms` leaves open whether the first timer is due
     /// @param now_ms      what the clock said last, brought up to date
     /// @param began_with  the pass's own, 0 at its start

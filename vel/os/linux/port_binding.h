@@ -36,10 +36,9 @@ public:
         lock_.unlock();
     }
 
-    /// An edge that was seen before this call changes nothing here: the direction was ready without it and nothing
-    /// waits. Whoever holds the lock may be in the middle of a call that found it dry before the edge came, so the lock
-    /// must be free when `calm_` is read, in this order. A call made under a lock that is taken later sees what the edge
-    /// told.
+    /// Whether an edge that was fetched before may be left out: the direction passes for ready and nothing waits in it.
+    /// The lock is read first. While it is held, its holder may have found the socket dry before the edge came and not
+    /// said so in `calm_` yet; who takes it later makes its calls after the edge.
     bool is_calm() const { return lock_.is_free() && calm_.load(std::memory_order_relaxed); }
 
 private:
