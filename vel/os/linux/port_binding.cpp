@@ -18,7 +18,8 @@ using Guard = std::lock_guard<PortDirection>;
 // Requests finished in one go before other handles get their turn.
 constexpr int requests_per_turn = 16;
 
-// Who only passes through, with an event that comes late, say, has gone after a few tries.
+// For who holds another binding's lock, and must not wait for this one: two listeners may accept into each other's
+// sockets. Who only passes through, with an event that comes late, say, has gone after a few tries.
 bool lock_soon(std::unique_lock<PortDirection>& guard) {
     constexpr int most_tries = 100;
     for (int tries = 0; tries < most_tries; ++tries) {
